@@ -1,0 +1,67 @@
+// Assert.h - the library assertion.
+//
+// TOLAN_ASSERT(cond, "format {}", args...) guards every invariant of the
+// library. On failure it builds "file:line: message" (with "Class::func() "
+// before the message for TOLAN_ASSERT_C), traces it at level 0 on
+// TOLAN_DEFAULT_HANDLE whether or not level 0 is enabled, and then either
+// throws Tolan::AssertException (after Tolan::throwOnAssertFailIs(true)) or
+// writes "Tolan::Assert aborting because: <message>" and ends the process.
+//
+// Cost on the passing path: the condition and one predicted branch. The
+// arguments are evaluated and the message is built only on failure, in a cold
+// out-of-line function.
+//
+// TOLAN_PROCESS_ASSERT(cond, "text") is for conditions the library itself can
+// never recover from (a registry touched without the global lock, say): it
+// always aborts through the C library's assertion report, even under NDEBUG.
+#pragma once
+
+#include "Tolan/Fmt.h"
+
+#define TOLAN_ASSERT(cond, ...)                                                                     \
+  do {                                                                                              \
+    if (TOLAN_UNLIKELY(!(cond))) ::Tolan::Impl::assertFail(__FILE__, __LINE__, false, __func__,     \
+                                                           nullptr, __VA_ARGS__);                   \
+  } while (0)
+
+// As TOLAN_ASSERT, naming the class: TOLAN_ASSERT_C(ok, TimerWheel, "bad state {}", s).
+#define TOLAN_ASSERT_C(cond, Class, ...)                                                            \
+  do {                                                                                              \
+    if (TOLAN_UNLIKELY(!(cond))) ::Tolan::Impl::assertFail(__FILE__, __LINE__, true, __func__,      \
+                                                           #Class, __VA_ARGS__);                    \
+  } while (0)
+
+// An assertion that has already failed: for branches that must not be reached.
+#define TOLAN_FAIL(...) ::Tolan::Impl::assertFail(__FILE__, __LINE__, false, __func__, nullptr, __VA_ARGS__)
+#define TOLAN_FAIL_C(Class, ...) ::Tolan::Impl::assertFail(__FILE__, __LINE__, true, __func__, #Class, __VA_ARGS__)
+
+#define TOLAN_PROCESS_ASSERT(cond, text) \
+  (TOLAN_LIKELY(cond) ? static_cast<void>(0)             \
+                      : ::Tolan::Impl::processAssertFail(text, __FILE__, __LINE__, __PRETTY_FUNCTION__))
+
+namespace Tolan {
+
+// When on, failed library assertions throw Tolan::AssertException instead of
+// ending the process. Off at load; tests and callers that want to survive an
+// assertion turn it on once at start-up.
+void throwOnAssertFailIs(bool on) noexcept;
+bool throwOnAssertFail() noexcept;
+
+namespace Impl {
+
+// The C library's assertion report and abort, available even under NDEBUG.
+[[noreturn]] TOLAN_COLD void processAssertFail(const char* text, const char* file, unsigned line,
+                                               const char* func) noexcept;
+
+// Out-of-line body of every failed assertion. Never returns.
+[[noreturn]] void assertFailV(const char* file, int line, bool withClass, const char* func, const char* className,
+                              fmt::string_view format, fmt::format_args args);
+
+template <typename... Args>
+[[noreturn]] TOLAN_COLD void assertFail(const char* file, int line, bool withClass, const char* func,
+                                        const char* className, fmt::format_string<Args...> format, Args&&... args) {
+  assertFailV(file, line, withClass, func, className, format, fmt::make_format_args(args...));
+}
+
+}  // namespace Impl
+}  // namespace Tolan

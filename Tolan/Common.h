@@ -1,0 +1,19 @@
+// Common.h - small definitions every libTolan header shares.
+//
+// Branch hints, attributes for cold paths, and the library's string type.
+// Header only; nothing here costs anything at run time.
+#pragma once
+
+#include <string>
+
+#define TOLAN_LIKELY(x) __builtin_expect(!!(x), 1)
+#define TOLAN_UNLIKELY(x) __builtin_expect(!!(x), 0)
+// For the out-of-line slow paths of macros (formatting, error reporting): keeps
+// them out of the caller's instruction stream.
+#define TOLAN_COLD __attribute__((cold, noinline))
+
+namespace Tolan {
+
+using String = std::string;
+
+}  // namespace Tolan

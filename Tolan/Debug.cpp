@@ -1,0 +1,403 @@
+#include "Tolan/Debug.h"
+
+#include <cstdlib>
+#include <functional>
+#include <iostream>
+
+#include "Tolan/Assert.h"
+#include "Tolan/Loco.h"
+
+// The registry is three containers: every live handler by name (a multimap:
+// names repeat), the specific rules by name, and the prefix rules in
+// descending order, so that a walk from the start meets the longest matching
+// prefix first and the empty prefix of a bare "*" last.
+//
+// Handler masks only ever change by OR (set) and AND-NOT (clear) pushed into
+// the handlers alive at the time; nothing is re-evaluated from the rules.
+// This history semantics is what operators rely on when they add a rule to a
+// running process, so it is kept exactly, including clear()'s quirk for a
+// name that only a prefix rule covers (see there).
+//
+// The containers are created on first use and never destroyed: handlers are
+// destroyed by static destructors in arbitrary order and must still find them.
+
+Tolan::Platform::DebugHandler* TOLAN_DEFAULT_HANDLE = nullptr;
+
+namespace Tolan {
+namespace {
+
+using HandlerMap = std::multimap<String, Orn::DebugHandler*>;
+using SpecificMap = std::unordered_map<String, Orn::DebugControl*>;
+using WildcardMap = std::map<String, Orn::DebugControl*, std::greater<String>>;
+
+HandlerMap* gHandlers = nullptr;
+SpecificMap* gSpecific = nullptr;
+WildcardMap* gWildcard = nullptr;
+
+bool startsWith(const String& s, const String& prefix) noexcept { return s.compare(0, prefix.size(), prefix) == 0; }
+
+String levelDigits(uint16_t mask) {
+  String out;
+  for (unsigned level = 0; level < 10; ++level) {
+    if (mask & (1u << level)) out += static_cast<char>('0' + level);
+  }
+  return out;
+}
+
+bool locoHeld() { return Platform::loco().owns_lock(); }
+
+// Splits a control string and applies each "name/levels" item in turn.
+template <typename Apply>
+void forEachControlItem(const char* spec, Apply apply) {
+  const String copy(spec);
+  size_t begin = 0;
+  while (true) {
+    const size_t comma = copy.find(',', begin);
+    const String item = copy.substr(begin, comma == String::npos ? String::npos : comma - begin);
+    const size_t slash = item.find('/');
+    if (slash == String::npos) {
+      apply(item, String());
+    } else {
+      apply(item.substr(0, slash), item.substr(slash + 1));
+    }
+    if (comma == String::npos) break;
+    begin = comma + 1;
+  }
+}
+
+void applyControlString(const char* spec) {
+  forEachControlItem(spec, [](const String& name, const String& levels) { Orn::DebugControl::set(name, levels); });
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Platform::DebugHandler
+
+Platform::DebugHandler::~DebugHandler() = default;
+
+// ---------------------------------------------------------------------------
+// Orn::DebugHandler
+
+namespace Orn {
+
+DebugHandler::DebugHandler(const String& name, int levels, bool pinned)
+    : Platform::DebugHandler(static_cast<uint16_t>(levels)), name_(name), pinned_(pinned) {
+  TOLAN_PROCESS_ASSERT(locoHeld(), "DebugHandler::DebugHandler() no loco");
+  initialize();
+  gHandlers->emplace(name_, this);
+}
+
+DebugHandler::DebugHandler(const String& name, uint16_t* externalLevels, bool pinned)
+    : Platform::DebugHandler(0, externalLevels), name_(name), pinned_(pinned) {
+  TOLAN_PROCESS_ASSERT(locoHeld(), "DebugHandler::DebugHandler() no loco");
+  initialize();
+  gHandlers->emplace(name_, this);
+}
+
+DebugHandler::~DebugHandler() {
+  Platform::LocoGuard guard;
+  if (!gHandlers) return;
+  auto range = gHandlers->equal_range(name_);
+  for (auto it = range.first; it != range.second; ++it) {
+    if (it->second == this) {
+      gHandlers->erase(it);
+      break;
+    }
+  }
+}
+
+uint16_t DebugHandler::enabledIs(unsigned level, bool enable) {
+  TOLAN_ASSERT(!hasExternalLevels(), "Cannot use this with a non-null levelsPtr passed to constructor");
+  const uint16_t bit = static_cast<uint16_t>(1u << (level & 15u));
+  const uint16_t mask = enable ? static_cast<uint16_t>(levels() | bit) : static_cast<uint16_t>(levels() & ~bit);
+  storeLevels(mask);
+  return mask;
+}
+
+void DebugHandler::dump(Platform::DebugStream& stream, unsigned level, const char* file, int line,
+                        const char* func) const {
+  const String text = stream.str();
+  Platform::dumpDebugMsg(text.data(), static_cast<unsigned>(text.size()), level, this, file, func, line);
+}
+
+String DebugHandler::displayString() const {
+  String out = name_;
+  if (pinned_) out += '+';
+  out += '/';
+  out += levels() == Platform::kAllTraceLevels ? String("*") : levelDigits(activeLevels());
+  return out;
+}
+
+void DebugHandler::orLevels(uint16_t mask) noexcept {
+  storeActiveLevels(static_cast<uint16_t>(activeLevels() | mask));
+}
+
+void DebugHandler::clearLevels(uint16_t mask) noexcept {
+  storeActiveLevels(static_cast<uint16_t>(activeLevels() & ~mask));
+}
+
+void DebugHandler::initialize() {
+  TOLAN_ASSERT(locoHeld(), "no loco");
+  if (!gHandlers) gHandlers = new HandlerMap;
+}
+
+void DebugHandler::printAll() {
+  Platform::LocoGuard guard;
+  initialize();
+  std::cout << "Handlers:" << std::endl;
+  for (const auto& entry : *gHandlers) std::cout << "    " << entry.second->displayString() << std::endl;
+}
+
+// ---------------------------------------------------------------------------
+// Orn::DebugControl
+
+DebugControl::DebugControl(const String& name, int levels, bool wildcard)
+    : name_(name), levels_(static_cast<uint16_t>(levels)), wildcard_(wildcard) {
+  TOLAN_PROCESS_ASSERT(locoHeld(), "DebugControl::DebugControl() no loco");
+  initialize();
+  if (wildcard_) {
+    (*gWildcard)[name_] = this;
+  } else {
+    (*gSpecific)[name_] = this;
+  }
+}
+
+DebugControl::~DebugControl() {
+  TOLAN_PROCESS_ASSERT(locoHeld(), "DebugControl::~DebugControl() no loco");
+  // Only remove the entry if it is still ours: a later rule of the same name
+  // may have replaced it.
+  if (wildcard_) {
+    auto it = gWildcard->find(name_);
+    if (it != gWildcard->end() && it->second == this) gWildcard->erase(it);
+  } else {
+    auto it = gSpecific->find(name_);
+    if (it != gSpecific->end() && it->second == this) gSpecific->erase(it);
+  }
+}
+
+String DebugControl::displayString() const {
+  String out = name_;
+  if (wildcard_) out += '*';
+  out += '/';
+  out += levels_ == Platform::kAllTraceLevels ? String("*") : levelDigits(levels_);
+  return out;
+}
+
+String DebugControl::parseName(const String& spec, bool& wildcard) {
+  wildcard = !spec.empty() && spec.back() == '*';
+  return wildcard ? spec.substr(0, spec.size() - 1) : spec;
+}
+
+uint16_t DebugControl::parseLevels(const String& spec) {
+  uint16_t mask = 0;
+  for (char c : spec) {
+    if (c >= '0' && c <= '9') {
+      mask |= static_cast<uint16_t>(1u << (c - '0'));
+    } else if (c == '*') {
+      mask |= Platform::kAllTraceLevels;
+    }
+  }
+  return mask;
+}
+
+DebugControl* DebugControl::findWildcard(String name) {
+  TOLAN_PROCESS_ASSERT(locoHeld(), "DebugControl::findWildcard() no loco");
+  initialize();
+  for (const auto& entry : *gWildcard) {
+    if (startsWith(name, entry.first)) return entry.second;
+  }
+  return nullptr;
+}
+
+void DebugControl::initialize() {
+  TOLAN_PROCESS_ASSERT(locoHeld(), "DebugControl::initialize() no loco");
+  if (!gSpecific) gSpecific = new SpecificMap;
+  if (!gWildcard) gWildcard = new WildcardMap;
+  DebugHandler::initialize();
+}
+
+std::shared_ptr<Platform::DebugHandler> DebugControl::get(const String& name) {
+  bool wildcard = false;
+  const String base = parseName(name, wildcard);
+  Platform::LocoGuard guard;
+  initialize();
+  if (wildcard) {
+    std::cerr << "Tolan::Debug - Warning" << " - Wild card specifier ignored getting handler for " << name
+              << " using " << base << std::endl;
+  }
+  uint16_t levels = 0;
+  auto specific = gSpecific->find(base);
+  if (specific != gSpecific->end()) {
+    levels = specific->second->levels_;
+  } else if (DebugControl* rule = findWildcard(base)) {
+    levels = rule->levels_;
+  }
+  return std::make_shared<DebugHandler>(base, levels, false);
+}
+
+void DebugControl::set(const String& nameSpec, const String& levelsSpec) {
+  bool wildcard = false;
+  const String name = parseName(nameSpec, wildcard);
+  const uint16_t levels = parseLevels(levelsSpec);
+  Platform::LocoGuard guard;
+  initialize();
+
+  if (!wildcard) {
+    DebugControl* rule;
+    auto it = gSpecific->find(name);
+    if (it != gSpecific->end()) {
+      rule = it->second;
+      rule->levels_ |= levels;
+    } else {
+      uint16_t initial = levels;
+      if (DebugControl* covering = findWildcard(name)) initial |= covering->levels_;
+      rule = new DebugControl(name, initial, false);
+    }
+    auto range = gHandlers->equal_range(name);
+    for (auto h = range.first; h != range.second; ++h) {
+      if (!h->second->pinned_) h->second->orLevels(rule->levels_);
+    }
+    return;
+  }
+
+  DebugControl* rule;
+  auto it = gWildcard->find(name);
+  if (it != gWildcard->end()) {
+    rule = it->second;
+    rule->levels_ |= levels;
+  } else {
+    uint16_t initial = levels;
+    if (DebugControl* covering = findWildcard(name)) initial |= covering->levels_;
+    rule = new DebugControl(name, initial, true);
+  }
+  const uint16_t result = rule->levels_;
+  for (auto& entry : *gWildcard) {
+    if (startsWith(entry.first, name)) entry.second->levels_ |= result;
+  }
+  for (auto& entry : *gSpecific) {
+    if (startsWith(entry.first, name)) entry.second->levels_ |= result;
+  }
+  for (auto h = gHandlers->lower_bound(name); h != gHandlers->end() && startsWith(h->first, name); ++h) {
+    if (!h->second->pinned_) h->second->orLevels(result);
+  }
+}
+
+void DebugControl::clear(const String& nameSpec, const String& levelsSpec) {
+  bool wildcard = false;
+  const String name = parseName(nameSpec, wildcard);
+  const uint16_t levels = parseLevels(levelsSpec);
+  Platform::LocoGuard guard;
+  initialize();
+
+  // Narrows a rule, deleting it (which unregisters it) once it grants nothing.
+  auto narrow = [levels](DebugControl* rule) {
+    rule->levels_ &= static_cast<uint16_t>(~levels);
+    if (rule->levels_ == 0) delete rule;
+  };
+
+  if (!wildcard) {
+    auto it = gSpecific->find(name);
+    if (it != gSpecific->end()) {
+      narrow(it->second);
+    } else if (DebugControl* covering = findWildcard(name)) {
+      // Kept as operators have always seen it: the narrowed levels land in a
+      // new, never-freed handler listed under the name, while no specific rule
+      // is made, so handlers obtained later still get the prefix rule's levels.
+      new DebugHandler(name, covering->levels_ & ~levels, false);
+    }
+    auto range = gHandlers->equal_range(name);
+    for (auto h = range.first; h != range.second; ++h) {
+      if (!h->second->pinned_) h->second->clearLevels(levels);
+    }
+    return;
+  }
+
+  for (auto it = gWildcard->begin(); it != gWildcard->end();) {
+    DebugControl* rule = (it++)->second;
+    if (startsWith(rule->name_, name)) narrow(rule);
+  }
+  for (auto it = gSpecific->begin(); it != gSpecific->end();) {
+    DebugControl* rule = (it++)->second;
+    if (startsWith(rule->name_, name)) narrow(rule);
+  }
+  for (auto h = gHandlers->lower_bound(name); h != gHandlers->end() && startsWith(h->first, name); ++h) {
+    if (!h->second->pinned_) h->second->clearLevels(levels);
+  }
+}
+
+void DebugControl::printAll() {
+  Platform::LocoGuard guard;
+  initialize();
+  std::cout << "Specific:" << std::endl;
+  for (const auto& entry : *gSpecific) std::cout << "    " << entry.second->displayString() << std::endl;
+  std::cout << "Wildcard:" << std::endl;
+  for (const auto& entry : *gWildcard) std::cout << "    " << entry.second->displayString() << std::endl;
+}
+
+}  // namespace Orn
+
+// ---------------------------------------------------------------------------
+// Free functions
+
+namespace Platform {
+
+std::shared_ptr<DebugHandler> getDebugHandler(const String& name) { return Orn::DebugControl::get(name); }
+
+void destroyDebugHandler(DebugHandler* handler) {
+  if (!handler) return;
+  LocoGuard guard;
+  delete handler;
+}
+
+void setupTolanDebug(const char* spec) {
+  LocoGuard guard;
+  Impl::reopenTraceFile();
+  if (!spec) spec = std::getenv("TRACE");
+  if (spec) applyControlString(spec);
+}
+
+void clearTolanDebug(const char* spec) {
+  if (!spec || !*spec) return;
+  LocoGuard guard;
+  forEachControlItem(spec, [](const String& name, const String& levels) { Orn::DebugControl::clear(name, levels); });
+}
+
+void dumpTolanDebugMap() {
+  Orn::DebugControl::printAll();
+  Orn::DebugHandler::printAll();
+}
+
+}  // namespace Platform
+
+// ---------------------------------------------------------------------------
+// Start-up at library load.
+//
+// Runs before the library's other static constructors (priority 101), so
+// that any of them may already trace on TOLAN_DEFAULT_HANDLE.
+
+namespace {
+
+__attribute__((constructor(101))) void tolanLibraryStartup() {
+  // Our streams may be used before this library's own iostream initialisers run.
+  static std::ios_base::Init iosInit;
+
+  // The default handle lives until the process ends; it is deliberately never
+  // released, so that code tracing from static destructors still finds it.
+  static auto* defaultHandleOwner = new std::shared_ptr<Platform::DebugHandler>(Platform::getDebugHandler("Tolan"));
+  TOLAN_DEFAULT_HANDLE = defaultHandleOwner->get();
+
+  // The library's defaults first, then TRACEFILE and the user's TRACE on top.
+  // (Applied directly rather than through setupTolanDebug, which would open
+  // TRACEFILE twice and report an unopenable one twice.)
+  {
+    Platform::LocoGuard guard;
+    applyControlString("Tolan*/01");
+  }
+  Platform::setupTolanDebug(nullptr);
+  Platform::setTraceFormat("date,time,tid,handle,level");
+  Platform::setTraceFormat(nullptr);
+}
+
+}  // namespace
+}  // namespace Tolan

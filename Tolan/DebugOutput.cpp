@@ -1,0 +1,182 @@
+#include "Tolan/DebugOutput.h"
+
+#include <sys/time.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+
+#include "Tolan/Debug.h"
+#include "Tolan/Loco.h"
+#include "Tolan/Thread.h"
+
+// A line is assembled whole on the caller's stack (prefix, message, newline)
+// and written with one call under the global lock, then flushed: one write(2)
+// per line, nothing held back in a buffer when the process dies.
+//
+// The field switches are read without the lock; a concurrent setTraceFormat()
+// can at worst give one line a mixture of old and new fields.
+//
+// The sink is never destroyed: threads may trace while static destructors run,
+// and every line is already flushed, so closing the file at exit adds nothing.
+
+namespace Tolan {
+namespace {
+
+enum Field : unsigned { kDate, kTime, kPid, kTid, kHandle, kLevel, kLineInfo, kFuncName, kFieldCount };
+
+// Keywords in the fixed order in which their fields are printed.
+constexpr const char* kFieldNames[kFieldCount] = {"date",   "time",  "pid",       "tid",
+                                                  "handle", "level", "line-info", "func-name"};
+
+std::atomic<bool> gShow[kFieldCount] = {};
+
+bool show(Field f) noexcept { return gShow[f].load(std::memory_order_relaxed); }
+
+struct TraceSink {
+  std::ofstream file;
+  String name;
+};
+
+TraceSink& sink() {
+  static TraceSink* const instance = new TraceSink;
+  return *instance;
+}
+
+// Room for a default prefix plus a 500-character message without allocating.
+using LineBuffer = fmt::basic_memory_buffer<char, Fmt::kMessageInlineSize + 140>;
+
+void appendPrefix(LineBuffer& out, unsigned level, const void* handle, const char* file, const char* func, int line) {
+  auto it = std::back_inserter(out);
+  if (show(kDate) || show(kTime)) {
+    struct timeval now;
+    gettimeofday(&now, nullptr);
+    struct tm local;
+    if (localtime_r(&now.tv_sec, &local)) {
+      char text[32];
+      if (show(kDate)) {
+        const size_t n = strftime(text, sizeof text, "%Y-%m-%d ", &local);
+        out.append(text, text + n);
+      }
+      if (show(kTime)) {
+        const size_t n = strftime(text, sizeof text, "%H:%M:%S", &local);
+        out.append(text, text + n);
+        // Microseconds as a plain number, no zero padding: 12:00:00.42 is 42 us.
+        fmt::format_to(it, ".{} ", static_cast<long>(now.tv_usec));
+      }
+    }
+  }
+  if (show(kPid)) fmt::format_to(it, "{} ", getpid());
+  if (show(kTid)) fmt::format_to(it, "{} ", gettid());
+  if (show(kHandle)) {
+    const auto* named = dynamic_cast<const Orn::DebugHandler*>(static_cast<const Platform::DebugHandler*>(handle));
+    if (named) out.append(named->name().data(), named->name().data() + named->name().size());
+    out.push_back(' ');
+  }
+  if (show(kLevel)) fmt::format_to(it, "{} ", level);
+  if (show(kLineInfo)) {
+    const char* base = file ? std::strrchr(file, '/') : nullptr;
+    fmt::format_to(it, "{}:{} ", base ? base + 1 : (file ? file : ""), line);
+  }
+  if (show(kFuncName)) fmt::format_to(it, "{} ", func ? func : "");
+}
+
+}  // namespace
+
+namespace Platform {
+
+void dumpDebugMsg(const char* msg, unsigned len, unsigned level, const void* handle, const char* file,
+                  const char* func, int line) {
+  LineBuffer out;
+  appendPrefix(out, level, handle, file, func, line);
+  out.append(msg, msg + len);
+  out.push_back('\n');
+
+  LocoGuard guard;
+  TraceSink& s = sink();
+  std::ostream& os = s.file.is_open() ? static_cast<std::ostream&>(s.file) : std::cerr;
+  os.write(out.data(), static_cast<std::streamsize>(out.size()));
+  os.flush();
+}
+
+void setTraceFormat(const char* spec) {
+  if (!spec) spec = std::getenv("TRACEFORMAT");
+  if (!spec) return;
+  if (std::strcmp(spec, "help") == 0) {
+    std::cerr << "Usage:\n"
+              << "  TRACEFORMAT=field,field,...\n"
+              << "List of possible fields:\n";
+    for (unsigned f = 0; f + 1 < kFieldCount; ++f) std::cerr << "  " << kFieldNames[f] << "\n";
+    std::cerr << "  " << kFieldNames[kFuncName] << std::endl;
+    return;
+  }
+
+  bool wanted[kFieldCount] = {};
+  const String copy(spec);
+  size_t begin = 0;
+  while (begin <= copy.size()) {
+    size_t comma = copy.find(',', begin);
+    if (comma == String::npos) comma = copy.size();
+    const String item = copy.substr(begin, comma - begin);
+    begin = comma + 1;
+    if (item.empty()) continue;
+    unsigned f = 0;
+    while (f < kFieldCount && item != kFieldNames[f]) ++f;
+    if (f == kFieldCount) {
+      std::cerr << item << " is an invalid field in TRACEFORMAT\n"
+                << "Set TRACEFORMAT=help for more information." << std::endl;
+      return;
+    }
+    wanted[f] = true;
+  }
+
+  LocoGuard guard;
+  for (unsigned f = 0; f < kFieldCount; ++f) gShow[f].store(wanted[f], std::memory_order_relaxed);
+}
+
+void clearTraceFormat() {
+  LocoGuard guard;
+  for (auto& s : gShow) s.store(false, std::memory_order_relaxed);
+}
+
+void printAllTraceFormat() {
+  String line;
+  for (unsigned f = 0; f < kFieldCount; ++f) {
+    if (f) line += ' ';
+    line += show(static_cast<Field>(f)) ? '1' : '0';
+  }
+  std::cout << line << std::endl;
+}
+
+}  // namespace Platform
+
+namespace Impl {
+
+void reopenTraceFile() {
+  Platform::LocoGuard guard;
+  TraceSink& s = sink();
+  const char* name = std::getenv("TRACEFILE");
+  if (name && s.name == name) {
+    if (s.file.is_open()) return;
+  } else {
+    if (s.file.is_open()) s.file.close();
+    s.name.clear();
+    if (!name) return;
+  }
+  s.name = name;
+  s.file.clear();
+  s.file.open(name, std::ios::out | std::ios::trunc);
+  if (!s.file.is_open()) {
+    std::cerr << "Error opening TRACEFILE=" << name << "\n"
+              << "Defaulting to std::cerr for trace output." << std::endl;
+    s.name.clear();
+  }
+}
+
+}  // namespace Impl
+}  // namespace Tolan

@@ -1,0 +1,93 @@
+#include "Tolan/Locking.h"
+
+#include <bits/gthr.h>
+
+#include <system_error>
+
+#include "Tolan/Assert.h"
+
+// Without the threads library linked in (only possible with pre-2.34 glibc,
+// where libpthread was separate), the mutex functions are absent at run time.
+// The locks then only track an owner of 1, which is enough for the ownership
+// checks of a single-threaded process. libstdc++ answers the question for us.
+
+namespace Tolan {
+namespace Locking {
+namespace {
+
+constexpr pthread_t kNoThreadsOwner = 1;
+
+bool threadsActive() noexcept { return __gthread_active_p() != 0; }
+
+pthread_t self() noexcept { return threadsActive() ? pthread_self() : kNoThreadsOwner; }
+
+}  // namespace
+
+Lock::Lock() noexcept { pthread_mutex_init(&mutex_, nullptr); }
+
+Lock::~Lock() { pthread_mutex_destroy(&mutex_); }
+
+void Lock::lock() {
+  if (threadsActive()) {
+    if (int rc = pthread_mutex_lock(&mutex_)) throw std::system_error(rc, std::generic_category(), "pthread_mutex_lock");
+  }
+  owner_.store(self(), std::memory_order_relaxed);
+}
+
+bool Lock::try_lock() noexcept {
+  if (threadsActive() && pthread_mutex_trylock(&mutex_) != 0) return false;
+  owner_.store(self(), std::memory_order_relaxed);
+  return true;
+}
+
+bool Lock::owns_lock() const noexcept { return owner() == self(); }
+
+void Lock::unlock() {
+  TOLAN_ASSERT(owns_lock(), "attempting to release a lock that is not currently held, owner:{} me:{}", owner(), self());
+  owner_.store(0, std::memory_order_relaxed);
+  if (threadsActive()) pthread_mutex_unlock(&mutex_);
+}
+
+RecursiveLock::RecursiveLock() noexcept {
+  pthread_mutexattr_t attr;
+  pthread_mutexattr_init(&attr);
+  pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_RECURSIVE);
+  pthread_mutex_init(&mutex_, &attr);
+  pthread_mutexattr_destroy(&attr);
+}
+
+RecursiveLock::~RecursiveLock() { pthread_mutex_destroy(&mutex_); }
+
+void RecursiveLock::lock() {
+  if (threadsActive()) {
+    if (int rc = pthread_mutex_lock(&mutex_)) throw std::system_error(rc, std::generic_category(), "pthread_mutex_lock");
+  }
+  owner_.store(self(), std::memory_order_relaxed);
+}
+
+bool RecursiveLock::try_lock() noexcept {
+  if (threadsActive() && pthread_mutex_trylock(&mutex_) != 0) return false;
+  owner_.store(self(), std::memory_order_relaxed);
+  return true;
+}
+
+bool RecursiveLock::owns_lock() const noexcept { return owner() == self(); }
+
+// The recursion depth is the mutex's own counter: keeping a second count beside
+// it could only drift. Reading it is glibc-specific, as is this library.
+unsigned RecursiveLock::lockCount() const noexcept {
+  if (!threadsActive()) return owns_lock() ? 1u : 0u;
+  return owner() == 0 ? 0u : mutex_.__data.__count;
+}
+
+void RecursiveLock::unlock() {
+  const unsigned count = lockCount();
+  TOLAN_ASSERT(owns_lock() && count != 0,
+               "attempting to release a lock that is not currently held, owner:{} me:{} lockCount:{}", owner(), self(),
+               count);
+  if (count == 1) owner_.store(0, std::memory_order_relaxed);
+  if (threadsActive()) pthread_mutex_unlock(&mutex_);
+}
+
+}  // namespace Locking
+}  // namespace Tolan
