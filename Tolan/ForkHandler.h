@@ -1,0 +1,30 @@
+// ForkHandler.h - lets the library know that it runs in a forked child.
+//
+// Per-process state such as the event base must be re-initialised in a child
+// made by fork(); such code asks isForkedChild(). The child handler is
+// registered with pthread_atfork when the library is loaded, so callers need
+// not call setupHandler() themselves (doing so again is harmless).
+//
+// The flag is process-wide and written only in the child right after fork
+// (or by forkedChildIs); reading it costs one relaxed atomic load.
+#pragma once
+
+namespace Tolan {
+namespace Platform {
+
+// Registers handleFork() as the child handler of pthread_atfork (no prepare
+// or parent handler). If registration fails, writes "Tolan failed to register
+// atfork handler, reason: <error>" on standard error and aborts the process.
+void setupHandler();
+
+// The child handler: sets the forked-child flag.
+void handleFork() noexcept;
+
+// True in a process made by fork() from one that had the library loaded.
+bool isForkedChild() noexcept;
+
+// Sets the flag; for code that re-initialises itself after fork and for tests.
+void forkedChildIs(bool forked) noexcept;
+
+}  // namespace Platform
+}  // namespace Tolan
