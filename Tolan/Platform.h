@@ -220,7 +220,8 @@ void registerFastForwardChangeNotifier(void (*fn)());
 // Advances the calling thread's virtual time (and moves its pending timeouts
 // earlier) by `seconds`, microsecond resolution, without running the loop.
 // Fails the assertion "fast-forwarding disabled" when fast-forward is off;
-// negative, NaN and infinite amounts fail an assertion too.
+// negative, NaN and infinite amounts fail an assertion too; amounts beyond
+// kMaxTimeoutSeconds are clamped.
 void fastForwardBy(double seconds);
 
 // ---- switches ----

@@ -1,0 +1,218 @@
+// FastForward.cpp - virtual time on top of the libevent backend.
+//
+// Stock libevent cannot report or shift its timeouts, so both are built on
+// its public interface: event_base_foreach_event() walks the base's events,
+// event_pending() reports each pending timeout's expiry, and event_add() on
+// a pending event replaces its timeout.
+//
+// One clock: event_pending() reports expiries as libevent's monotonic clock
+// plus a wall-clock correction that libevent refreshes now and then when it
+// reads its clock. "Now" is therefore never taken from gettimeofday() here
+// but from a scratch event added with a zero timeout and read back through
+// event_pending(), and it is read before the expiries it is compared with,
+// so that a refresh triggered by that add cannot fall between them.
+#include "Tolan/FastForward.h"
+
+#include <event2/event.h>
+#include <event2/event_struct.h>
+#include <time.h>
+
+#include <algorithm>
+#include <atomic>
+#include <unordered_set>
+#include <vector>
+
+#include "Tolan/Assert.h"
+#include "Tolan/Debug.h"
+#include "Tolan/LibeventFactory.h"
+#include "Tolan/Loco.h"
+
+namespace Tolan {
+
+namespace {
+
+// Process-wide; changed on the main thread during set-up, read anywhere.
+std::atomic<bool> gFastForward{false};
+
+thread_local timeval virtualOffset{0, 0};
+
+using Notifier = void (*)();
+std::unordered_set<Notifier>& notifiers() {
+  static std::unordered_set<Notifier> set;
+  return set;
+}
+
+double secs(const timeval& tv) { return static_cast<double>(tv.tv_sec) + static_cast<double>(tv.tv_usec) / 1e6; }
+
+void noop(evutil_socket_t, short, void*) {}
+
+// The base's current time in the clock event_pending() reports expiries in.
+timeval baseNow(event_base* base) {
+  event scratch;
+  event_assign(&scratch, base, -1, 0, &noop, nullptr);
+  eventPrioritySet(&scratch, Platform::eventPriorityDefault);
+  const timeval zero{0, 0};
+  const int rc = event_add(&scratch, &zero);
+  TOLAN_ASSERT(rc == 0, "Failed to add a scratch timer rc {}", rc);
+  timeval now{0, 0};
+  event_pending(&scratch, EV_TIMEOUT, &now);
+  event_del(&scratch);
+  event_debug_unassign(&scratch);
+  return now;
+}
+
+struct PendingTimeout {
+  event* ev;
+  timeval expiry;
+};
+
+// Calling event_pending() from inside the walk is safe: it only reads, and
+// the base lock libevent holds during the walk is recursive.
+int collectTimeout(const event_base*, const event* ev, void* arg) {
+  timeval expiry;
+  if (event_pending(ev, EV_TIMEOUT, &expiry) & EV_TIMEOUT)
+    static_cast<std::vector<PendingTimeout>*>(arg)->push_back({const_cast<event*>(ev), expiry});
+  return 0;
+}
+
+int findFirst(const event_base*, const event* ev, void* arg) {
+  timeval expiry;
+  auto* first = static_cast<std::pair<bool, timeval>*>(arg);
+  if ((event_pending(ev, EV_TIMEOUT, &expiry) & EV_TIMEOUT) &&
+      (!first->first || timercmp(&expiry, &first->second, <))) {
+    first->first = true;
+    first->second = expiry;
+  }
+  return 0;
+}
+
+}  // namespace
+
+// ---- the two functions libevent lacks ----
+
+int event_base_get_first_timeout(event_base* base, timeval* out) {
+  std::pair<bool, timeval> first{false, {0, 0}};
+  event_base_foreach_event(base, &findFirst, &first);
+  if (!first.first) return -1;
+  *out = first.second;
+  return 0;
+}
+
+int event_base_timeout_subtract_offset(event_base* base, const timeval* delta) {
+  const timeval now = baseNow(base);
+  std::vector<PendingTimeout> pending;
+  event_base_foreach_event(base, &collectTimeout, &pending);
+  // Timeouts already due stay as they are: they fire on the next pass anyway,
+  // and some of them may be activated already, where a re-add would deliver
+  // them twice.
+  pending.erase(std::remove_if(pending.begin(), pending.end(),
+                               [&now](const PendingTimeout& p) { return !timercmp(&p.expiry, &now, >); }),
+                pending.end());
+  // event_add() measures from the clock at the moment of each add, so adding
+  // in expiry order keeps the order even though the clock moves meanwhile.
+  std::sort(pending.begin(), pending.end(), [](const PendingTimeout& a, const PendingTimeout& b) {
+    return timercmp(&a.expiry, &b.expiry, <);
+  });
+  for (const PendingTimeout& p : pending) {
+    timeval left;
+    timersub(&p.expiry, &now, &left);
+    timeval moved{0, 0};
+    if (timercmp(&left, delta, >)) timersub(&left, delta, &moved);
+    const int rc = event_add(p.ev, &moved);
+    TOLAN_ASSERT(rc == 0, "Failed to move timeout of {} rc {}", static_cast<const void*>(p.ev), rc);
+  }
+  return static_cast<int>(pending.size());
+}
+
+// ---- the switch ----
+
+void setLeFastForward(bool on) {
+  leInit();
+  TOLAN_ASSERT(leMainThread(), "FastForward invoked from non-main thread");
+  if (gFastForward.load(std::memory_order_relaxed) == on) return;
+  gFastForward.store(on, std::memory_order_relaxed);
+  std::vector<Notifier> toCall;
+  {
+    Platform::LocoGuard guard;
+    toCall.assign(notifiers().begin(), notifiers().end());
+  }
+  for (Notifier fn : toCall) fn();
+}
+
+bool leFastForward() noexcept { return gFastForward.load(std::memory_order_relaxed); }
+
+void leRegisterFastForwardChangeNotifier(void (*fn)()) {
+  TOLAN_ASSERT(fn != nullptr, "Null fast-forward change notifier");
+  Platform::LocoGuard guard;
+  notifiers().insert(fn);
+}
+
+// ---- virtual time ----
+
+double leVirtualTimeOffset() noexcept { return secs(virtualOffset); }
+
+double time() noexcept {
+  timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9 + secs(virtualOffset);
+}
+
+void applyFastForwardDelta(const timeval* delta) {
+  TOLAN_ASSERT(delta->tv_sec >= 0 && delta->tv_usec >= 0 && delta->tv_usec <= 999999,
+               "Invalid virtual time delta {}.{:06}", static_cast<long>(delta->tv_sec),
+               static_cast<long>(delta->tv_usec));
+  if (delta->tv_sec == 0 && delta->tv_usec == 0) return;  // nothing moves
+  event_base_timeout_subtract_offset(leInit(), delta);
+  virtualOffset.tv_sec += delta->tv_sec;
+  virtualOffset.tv_usec += delta->tv_usec;
+  if (virtualOffset.tv_usec > 999999) {
+    virtualOffset.tv_usec -= 1000000;
+    virtualOffset.tv_sec += 1;
+  }
+  TOLAN_TRACE(Impl::leDebug(), 2, "Increasing virtual time offset by {} to {}", secs(*delta), secs(virtualOffset));
+}
+
+bool fastForwardDelayToFirstTimer(timeval* out) {
+  TOLAN_ASSERT(leFastForward(), "Called without fast forward enabled");
+  event_base* base = leInit();
+  const timeval now = baseNow(base);
+  timeval first;
+  if (event_base_get_first_timeout(base, &first) != 0) {
+    TOLAN_TRACE(Impl::leDebug(), 9, "no timers");
+    return false;
+  }
+  if (!timercmp(&now, &first, <)) {
+    TOLAN_TRACE(Impl::leDebug(), 9, "first timer expired at {} now {} return zero delta", secs(first), secs(now));
+    *out = timeval{0, 0};
+    return true;
+  }
+  timeval delta;
+  timersub(&first, &now, &delta);
+  // Lands strictly after the first expiry, so that it is due after the shift.
+  const timeval extraDelay{0, 100};
+  timeval result;
+  timeradd(&delta, &extraDelay, &result);
+  TOLAN_TRACE(Impl::leDebug(), 9, "first timer will at {} now {} delta {} extraDelay {} return delta {}", secs(first),
+              secs(now), secs(delta), secs(extraDelay), secs(result));
+  *out = result;
+  return true;
+}
+
+void eventLoopFastForward(const timeval* delta) {
+  applyFastForwardDelta(delta);
+  Impl::runLoopWithBreak(leInit(), timeval{0, 0}, 0.0);
+}
+
+void eventLoopFastForwardToFirstTimer(double maxTimeout) {
+  TOLAN_TRACE(Impl::leDebug(), 5, "maxTimeout {}", maxTimeout);
+  TOLAN_ASSERT(leFastForward(), "Called without fastForward enabled");
+  const timeval maximum = Impl::toTimeval(maxTimeout);
+  timeval delay;
+  if (fastForwardDelayToFirstTimer(&delay) && timercmp(&delay, &maximum, <)) {
+    eventLoopFastForward(&delay);
+  } else {
+    eventLoopFastForward(&maximum);
+  }
+}
+
+}  // namespace Tolan
