@@ -4,18 +4,22 @@
 
 #include <assert.h>
 
-#include <atomic>
-
 #include "Tolan/Debug.h"
-#include "Tolan/Exception.h"
 
 namespace Tolan {
-namespace {
-std::atomic<bool> gThrowOnAssertFail{false};
-}  // namespace
 
-void throwOnAssertFailIs(bool on) noexcept { gThrowOnAssertFail.store(on, std::memory_order_relaxed); }
-bool throwOnAssertFail() noexcept { return gThrowOnAssertFail.load(std::memory_order_relaxed); }
+void debugAndThrowAssertException(Platform::DebugHandler& handler, unsigned level, Platform::DebugStream& stream,
+                                  const char* file, const char* func, int line) {
+  String text;
+  try {
+    text = fmt::format("{}:{}:{}: {}", file, func, line, stream.str());
+    handler.dump(stream, level, file, line, func);
+  } catch (...) {
+    // Only the assertion itself may leave here; see assertFailV.
+    std::terminate();
+  }
+  AssertException::throwException(text);
+}
 
 namespace Impl {
 
@@ -31,8 +35,9 @@ void assertFailV(const char* file, int line, bool withClass, const char* func, c
     // Level 0 is traced even when switched off: an assertion must always be seen.
     Fmt::Impl::dumpDebugMsg(msg.data(), msg.size(), 0, TOLAN_DEFAULT_HANDLE, file, func, line);
   } catch (...) {
-    // A broken format string in an assertion must not replace the assertion
-    // with some other exception; the process ends with what is in flight.
+    // A broken format string (or no memory) must not replace the assertion
+    // with some other exception a caller might catch: the process ends, and
+    // the terminate handler names what was in flight.
     std::terminate();
   }
   AssertException::throwException(msg);

@@ -16,6 +16,7 @@
 // always aborts through the C library's assertion report, even under NDEBUG.
 #pragma once
 
+#include "Tolan/Exception.h"
 #include "Tolan/Fmt.h"
 
 #define TOLAN_ASSERT(cond, ...)                                                                     \
@@ -40,12 +41,18 @@
                       : ::Tolan::Impl::processAssertFail(text, __FILE__, __LINE__, __PRETTY_FUNCTION__))
 
 namespace Tolan {
+namespace Platform {
+class DebugHandler;
+class DebugStream;
+}  // namespace Platform
 
-// When on, failed library assertions throw Tolan::AssertException instead of
-// ending the process. Off at load; tests and callers that want to survive an
-// assertion turn it on once at start-up.
-void throwOnAssertFailIs(bool on) noexcept;
-bool throwOnAssertFail() noexcept;
+// For code that has built its assertion text in a DebugStream: traces the
+// stream's text on `handler` at `level` (whether or not that level is on),
+// then raises AssertException::throwException() with "file:func:line: " and
+// the text. Never returns.
+[[noreturn]] void debugAndThrowAssertException(Platform::DebugHandler& handler, unsigned level,
+                                               Platform::DebugStream& stream, const char* file, const char* func,
+                                               int line);
 
 namespace Impl {
 

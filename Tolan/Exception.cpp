@@ -1,40 +1,124 @@
 #include "Tolan/Exception.h"
 
-#include <iostream>
+#include <cxxabi.h>
+#include <unistd.h>
 
-#include "Tolan/Assert.h"
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <typeinfo>
 
 namespace Tolan {
+namespace {
 
-Exception::Exception(const String& msg, bool /*captureFlag*/) : message_(msg) {}
+std::atomic<bool> gThrowOnAssertFail{false};
+
+// Reports for a dying process go straight to the descriptor: one write per
+// piece, nothing left in a stream buffer when abort() comes.
+void writeStderr(const char* text, size_t len) noexcept {
+  while (len > 0) {
+    const ssize_t n = ::write(STDERR_FILENO, text, len);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return;
+    }
+    text += n;
+    len -= static_cast<size_t>(n);
+  }
+}
+
+void writeStderr(const String& text) noexcept { writeStderr(text.data(), text.size()); }
+
+}  // namespace
+
+void throwOnAssertFailIs(bool on) noexcept { gThrowOnAssertFail.store(on, std::memory_order_relaxed); }
+bool throwOnAssertFail() noexcept { return gThrowOnAssertFail.load(std::memory_order_relaxed); }
+
+// The constructor is noexcept: a failure to copy the message (out of memory)
+// ends the process rather than replace the exception being made.
+Exception::Exception(const String& msg, bool captureFlag) noexcept : backtrace_(captureFlag), message_(msg) {
+  BacktraceTracker::backtraceIs(message_, backtrace_);
+}
 
 Exception::~Exception() = default;
 
 String Exception::msg() const { return String(name()) + "(\"" + message_ + "\")"; }
 
 const char* Exception::what() const noexcept {
-  if (whatText_.empty()) whatText_ = msg() + "\n";
+  if (whatText_.empty()) {
+    try {
+      whatText_ = msg() + "\n" + backtrace_.pretty();
+    } catch (...) {
+      // Out of memory: the class name is the best what() can still say.
+      return name();
+    }
+  }
   return whatText_.c_str();
 }
 
-#define TOLAN_DEFINE_THROW_(Class) \
-  void Class::throwException(const String& msg) { throw Class(msg); }
-
-TOLAN_DEFINE_THROW_(MemoryResourceException)
-TOLAN_DEFINE_THROW_(NoPermissionException)
-TOLAN_DEFINE_THROW_(UnimplementedException)
-TOLAN_DEFINE_THROW_(InvalidInitializeException)
-TOLAN_DEFINE_THROW_(RuntimeException)
-TOLAN_DEFINE_THROW_(OutOfRangeException)
-TOLAN_DEFINE_THROW_(CorruptionDetectedException)
-TOLAN_DEFINE_THROW_(InvalidSizeException)
-
-#undef TOLAN_DEFINE_THROW_
+void MemoryResourceException::throwException(const String& msg) { throw MemoryResourceException(msg); }
+void NoPermissionException::throwException(const String& msg) { throw NoPermissionException(msg); }
+void UnimplementedException::throwException(const String& msg) { throw UnimplementedException(msg); }
+void InvalidInitializeException::throwException(const String& msg) { throw InvalidInitializeException(msg); }
+void RuntimeException::throwException(const String& msg) { throw RuntimeException(msg); }
+void OutOfRangeException::throwException(const String& msg) { throw OutOfRangeException(msg); }
+void CorruptionDetectedException::throwException(const String& msg) { throw CorruptionDetectedException(msg); }
+void InvalidSizeException::throwException(const String& msg) { throw InvalidSizeException(msg); }
 
 void AssertException::throwException(const String& msg) {
   if (throwOnAssertFail()) throw AssertException(msg);
-  std::cerr << "Tolan::Assert aborting because: " << msg << std::endl;
+  writeStderr("Tolan::Assert aborting because: " + msg + "\n");
   std::terminate();
 }
 
+// ---------------------------------------------------------------------------
+// The terminate handler.
+//
+// Its report: the type of the exception in flight, then for exceptions that
+// have one "  what(): " and what() (ours end with the stack they were made
+// at), and, for anything else, the stack of the point of termination unless
+// TOLAN_BACKTRACE_VERBOSITY=0. A newline separates the what() text from that
+// stack, which would otherwise run on in the what() line.
+
+namespace {
+
+std::atomic<bool> gTerminating{false};
+
+[[noreturn]] void terminateHandler() noexcept {
+  // A second failure while reporting (or a second thread dying at the same
+  // time) must not loop or interleave: the first report is the useful one.
+  if (gTerminating.exchange(true)) std::abort();
+  try {
+    String report;
+    bool ours = false;
+    if (const std::type_info* type = abi::__cxa_current_exception_type()) {
+      const char* mangled = type->name();
+      if (*mangled == '*') ++mangled;
+      writeStderr("terminate called after throwing an instance of '" + typeName(mangled) + "'\n");
+      try {
+        throw;
+      } catch (const Exception& e) {
+        ours = true;
+        report = String("  what(): ") + e.what();
+      } catch (const std::exception& e) {
+        report = String("  what(): ") + e.what();
+      } catch (...) {
+      }
+    }
+    if (!ours && Backtrace::verbosity() == 1) {
+      if (!report.empty() && report.back() != '\n') report += '\n';
+      report += Backtrace(true).pretty();
+    }
+    if (!report.empty()) writeStderr(report + "\n");
+  } catch (...) {
+    // Whatever could not be reported, the process still ends as promised.
+  }
+  std::abort();
+}
+
+// Installed last at library load, after the trace set-up (priority 101), so
+// that everything the report uses is in place.
+__attribute__((constructor(102))) void installTerminateHandler() { std::set_terminate(terminateHandler); }
+
+}  // namespace
 }  // namespace Tolan

@@ -1,68 +1,137 @@
 // Exception.h - the library's exception family.
 //
 // Every exception the library throws derives from Tolan::Exception, which
-// carries the message it was made with and (see Backtrace.h) the call stack of
-// the point where it was constructed. msg() is "Name(\"message\")"; what()
-// adds the stack and is built once, on first use.
+// carries the message it was made with and the call stack of the point where
+// it was constructed (a Tolan::Backtrace). msg() is Name("message"); what()
+// is msg(), a newline and the stack with symbols, built on first use and
+// cached, so a second call costs nothing.
 //
-// Construction costs one stack capture; throw them for errors, not for
-// control flow. Exceptions are per-thread objects like any other.
+// Construction costs one stack capture (a few hundred nanoseconds for a
+// typical stack, see Backtrace.h) and, when BacktraceTracker is enabled, a
+// locked copy into the tracker. Throw them for errors, not for control flow.
+// Constructors never throw: running out of memory while making an exception
+// ends the process. An exception object is not synchronised: use it on one
+// thread at a time (what() fills its cache on first call).
+//
+// Library assertions (Assert.h) throw AssertException, or end the process,
+// as throwOnAssertFailIs() decides. At library load a terminate handler is
+// installed that reports the exception in flight (with its what() and so its
+// stack) or, when there is none or it is not one of ours, the stack of the
+// point of termination (unless TOLAN_BACKTRACE_VERBOSITY=0), then aborts.
 #pragma once
 
 #include <exception>
 
+#include "Tolan/Backtrace.h"
 #include "Tolan/Common.h"
 
 namespace Tolan {
 
 class Exception : public std::exception {
  public:
-  Exception(const String& msg, bool captureFlag);
+  // Captures the stack when `captureFlag` (every derived class does), then
+  // offers message and stack to BacktraceTracker.
+  Exception(const String& msg, bool captureFlag) noexcept;
   ~Exception() override;
 
-  // msg() followed by a newline and the captured stack; built on first call.
+  // msg(), a newline and backtrace().pretty(); built on the first call.
   const char* what() const noexcept override;
   // The class name, e.g. "Tolan::RuntimeException".
   virtual const char* name() const noexcept { return "Tolan::Exception"; }
 
-  // The class name followed by the quoted message in parentheses.
+  // The class name followed by the quoted message in parentheses:
+  // Tolan::RuntimeException("disk full").
   String msg() const;
   // The text given to the constructor.
   const String& message() const noexcept { return message_; }
+  const Backtrace& backtrace() const noexcept { return backtrace_; }
 
  private:
+  Backtrace backtrace_;
   String message_;
   mutable String whatText_;
 };
 
-#define TOLAN_DECLARE_EXCEPTION_(Class)                                    \
-  class Class : public Exception {                                         \
-   public:                                                                 \
-    explicit Class(const String& msg) : Exception(msg, true) {}            \
-    const char* name() const noexcept override { return "Tolan::" #Class; } \
-    [[noreturn]] static void throwException(const String& msg);            \
-  };
-
-TOLAN_DECLARE_EXCEPTION_(MemoryResourceException)
-TOLAN_DECLARE_EXCEPTION_(NoPermissionException)
-TOLAN_DECLARE_EXCEPTION_(UnimplementedException)
-TOLAN_DECLARE_EXCEPTION_(InvalidInitializeException)
-TOLAN_DECLARE_EXCEPTION_(RuntimeException)
-TOLAN_DECLARE_EXCEPTION_(OutOfRangeException)
-TOLAN_DECLARE_EXCEPTION_(CorruptionDetectedException)
-TOLAN_DECLARE_EXCEPTION_(InvalidSizeException)
-
-#undef TOLAN_DECLARE_EXCEPTION_
-
-// Thrown by failed library assertions when throw-on-assert-fail is on.
-class AssertException : public Exception {
+// Allocation of memory or another resource failed.
+class MemoryResourceException : public Exception {
  public:
-  explicit AssertException(const String& msg) : Exception(msg, true) {}
-  const char* name() const noexcept override { return "Tolan::AssertException"; }
-  // Throws an AssertException when throw-on-assert-fail is on; otherwise
-  // writes "Tolan::Assert aborting because: <msg>" on standard error and
-  // calls std::terminate().
+  explicit MemoryResourceException(const String& msg) noexcept : Exception(msg, true) {}
+  const char* name() const noexcept override { return "Tolan::MemoryResourceException"; }
   [[noreturn]] static void throwException(const String& msg);
 };
+
+// The caller may not do this (permissions, ownership).
+class NoPermissionException : public Exception {
+ public:
+  explicit NoPermissionException(const String& msg) noexcept : Exception(msg, true) {}
+  const char* name() const noexcept override { return "Tolan::NoPermissionException"; }
+  [[noreturn]] static void throwException(const String& msg);
+};
+
+// The operation exists in the interface but not in this implementation.
+class UnimplementedException : public Exception {
+ public:
+  explicit UnimplementedException(const String& msg) noexcept : Exception(msg, true) {}
+  const char* name() const noexcept override { return "Tolan::UnimplementedException"; }
+  [[noreturn]] static void throwException(const String& msg);
+};
+
+// An object was used before, or without, proper initialisation.
+class InvalidInitializeException : public Exception {
+ public:
+  explicit InvalidInitializeException(const String& msg) noexcept : Exception(msg, true) {}
+  const char* name() const noexcept override { return "Tolan::InvalidInitializeException"; }
+  [[noreturn]] static void throwException(const String& msg);
+};
+
+// A failure that only shows at run time (a system call refused, say).
+class RuntimeException : public Exception {
+ public:
+  explicit RuntimeException(const String& msg) noexcept : Exception(msg, true) {}
+  const char* name() const noexcept override { return "Tolan::RuntimeException"; }
+  [[noreturn]] static void throwException(const String& msg);
+};
+
+// An index or value outside its permitted range.
+class OutOfRangeException : public Exception {
+ public:
+  explicit OutOfRangeException(const String& msg) noexcept : Exception(msg, true) {}
+  const char* name() const noexcept override { return "Tolan::OutOfRangeException"; }
+  [[noreturn]] static void throwException(const String& msg);
+};
+
+// Data structures found in a state they can never legitimately reach.
+class CorruptionDetectedException : public Exception {
+ public:
+  explicit CorruptionDetectedException(const String& msg) noexcept : Exception(msg, true) {}
+  const char* name() const noexcept override { return "Tolan::CorruptionDetectedException"; }
+  [[noreturn]] static void throwException(const String& msg);
+};
+
+// A size (of a buffer, a name, a request) that is not acceptable.
+class InvalidSizeException : public Exception {
+ public:
+  explicit InvalidSizeException(const String& msg) noexcept : Exception(msg, true) {}
+  const char* name() const noexcept override { return "Tolan::InvalidSizeException"; }
+  [[noreturn]] static void throwException(const String& msg);
+};
+
+// A failed library assertion, thrown only after throwOnAssertFailIs(true).
+class AssertException : public Exception {
+ public:
+  explicit AssertException(const String& msg) noexcept : Exception(msg, true) {}
+  const char* name() const noexcept override { return "Tolan::AssertException"; }
+  // Throws an AssertException when throw-on-assert-fail is on; otherwise
+  // writes "Tolan::Assert aborting because: <msg>" and a newline on standard
+  // error and calls std::terminate().
+  [[noreturn]] static void throwException(const String& msg);
+};
+
+// When on, failed library assertions throw Tolan::AssertException instead of
+// ending the process. Off at load: a production process should die with a
+// report. Tests, and callers that must survive an assertion, turn it on once
+// at start-up.
+void throwOnAssertFailIs(bool on) noexcept;
+bool throwOnAssertFail() noexcept;
 
 }  // namespace Tolan

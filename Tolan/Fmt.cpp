@@ -64,4 +64,21 @@ void vfmtrace(const void* handle, unsigned level, const char* file, bool withCla
 
 }  // namespace Impl
 }  // namespace Fmt
+
+String DisplayPointer::toString() const { return fmt::format("{}", *this); }
+
+namespace Fmt {
+namespace Impl {
+
+void appendSeconds(fmt::memory_buffer& out, long long units, long long unitsPerSecond, int decimals) {
+  // Work on the magnitude so that -0.5 s prints as "-0.500000", not "0.-500000".
+  const unsigned long long magnitude =
+      units < 0 ? 0ULL - static_cast<unsigned long long>(units) : static_cast<unsigned long long>(units);
+  const auto perSecond = static_cast<unsigned long long>(unitsPerSecond);
+  fmt::format_to(std::back_inserter(out), "{}{}.{:0{}}", units < 0 ? "-" : "", magnitude / perSecond,
+                 magnitude % perSecond, decimals);
+}
+
+}  // namespace Impl
+}  // namespace Fmt
 }  // namespace Tolan

@@ -13,6 +13,8 @@
 #pragma once
 
 #include <fmt/format.h>
+#include <sys/time.h>
+#include <time.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -59,3 +61,65 @@ void dumpDebugMsg(const char* msg, size_t len, uint32_t level, const void* handl
 }  // namespace Impl
 }  // namespace Fmt
 }  // namespace Tolan
+
+// ---------------------------------------------------------------------------
+// Library types and system types in messages: "{}" prints them as below.
+
+namespace Tolan {
+
+// A pointer as messages show it: "0x" and lowercase hex ("0x0" for null).
+// Wrap a pointer in it to print its value rather than what it points to (a
+// char*, say): TOLAN_TRACE(h, 9, "freed {}", DisplayPointer(p)).
+class DisplayPointer {
+ public:
+  explicit DisplayPointer(const void* pointer) noexcept : pointer_(pointer) {}
+  const void* pointer() const noexcept { return pointer_; }
+  String toString() const;
+
+ private:
+  const void* pointer_;
+};
+
+namespace Fmt {
+namespace Impl {
+// Appends total microseconds (or nanoseconds) as seconds with a fixed number
+// of decimals, e.g. -1500000 us -> "-1.500000".
+void appendSeconds(fmt::memory_buffer& out, long long units, long long unitsPerSecond, int decimals);
+}  // namespace Impl
+}  // namespace Fmt
+}  // namespace Tolan
+
+template <>
+struct fmt::formatter<Tolan::DisplayPointer> {
+  constexpr auto parse(format_parse_context& ctx) { return ctx.begin(); }
+  template <typename Context>
+  auto format(const Tolan::DisplayPointer& p, Context& ctx) const {
+    return fmt::format_to(ctx.out(), "{:#x}", reinterpret_cast<uintptr_t>(p.pointer()));
+  }
+};
+
+// A timeval as seconds with six decimals: {1, 500000} -> "1.500000". Meant
+// for durations and timestamps alike; negative values print with a sign.
+template <>
+struct fmt::formatter<timeval> {
+  constexpr auto parse(format_parse_context& ctx) { return ctx.begin(); }
+  template <typename Context>
+  auto format(const timeval& tv, Context& ctx) const {
+    fmt::memory_buffer text;
+    Tolan::Fmt::Impl::appendSeconds(text, static_cast<long long>(tv.tv_sec) * 1000000 + tv.tv_usec, 1000000, 6);
+    return std::copy(text.begin(), text.end(), ctx.out());
+  }
+};
+
+// A timespec as seconds with nine decimals: {2, 5} -> "2.000000005".
+template <>
+struct fmt::formatter<timespec> {
+  constexpr auto parse(format_parse_context& ctx) { return ctx.begin(); }
+  template <typename Context>
+  auto format(const timespec& ts, Context& ctx) const {
+    fmt::memory_buffer text;
+    Tolan::Fmt::Impl::appendSeconds(text, static_cast<long long>(ts.tv_sec) * 1000000000 + ts.tv_nsec, 1000000000,
+                                    9);
+    return std::copy(text.begin(), text.end(), ctx.out());
+  }
+};

@@ -1,0 +1,204 @@
+#include "Tolan/Backtrace.h"
+
+#include <cxxabi.h>
+#include <dlfcn.h>
+#include <pthread.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
+
+#define UNW_LOCAL_ONLY
+#include <libunwind.h>
+
+#include <boost/circular_buffer.hpp>
+#include <cstdlib>
+#include <cstring>
+#include <iomanip>
+#include <limits>
+#include <mutex>
+#include <ostream>
+#include <sstream>
+
+#include "Tolan/Assert.h"
+#include "Tolan/Locking.h"
+
+// Capture speed. A plain libunwind cursor walk (unw_init_local, then
+// unw_step and unw_get_reg per frame) interprets DWARF CFI for every frame
+// and costs some 30 times more than unw_backtrace, which walks with a
+// per-thread cache of frame layouts keyed by address (and falls back to the
+// cursor walk itself where the cache cannot describe a frame). That tracer is
+// reachable only through unw_backtrace, so capture() calls it and drops the
+// frames of its own making. The result is what the cursor walk yields:
+// return addresses, innermost first, starting in the caller.
+//
+// Frame accounting: unw_backtrace's first address is the return address in
+// its caller, capture(); the next is in the constructor or unwind(); the one
+// after that is the first we keep. capture(), the constructor and unwind()
+// are therefore never inlined into their callers nor left by a tail call.
+
+namespace Tolan {
+namespace {
+
+// capture() and its caller (the constructor or unwind()).
+constexpr int kOwnFrames = 2;
+constexpr unsigned kDefaultTrackerCapacity = 100;
+
+// Keeps the calling function's frame: nothing may follow a call in tail position.
+#define TOLAN_KEEP_FRAME_() asm volatile("" ::: "memory")
+
+double monotonicSeconds() noexcept {
+  struct timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
+}
+
+// gettid is a system call, too slow to pay on every exception; remember it
+// per thread. A forked child's thread has a new id, hence the reset.
+thread_local pid_t tlsTid = 0;
+
+pid_t cachedTid() noexcept {
+  if (TOLAN_UNLIKELY(tlsTid == 0)) tlsTid = static_cast<pid_t>(syscall(SYS_gettid));
+  return tlsTid;
+}
+
+[[maybe_unused]] const int gTidForkReset = pthread_atfork(nullptr, nullptr, [] { tlsTid = 0; });
+
+}  // namespace
+
+__attribute__((noinline)) Backtrace::Backtrace(bool capture) noexcept
+    : frameCount_(0), tid_(cachedTid()), timestamp_(std::numeric_limits<double>::infinity()) {
+  if (capture) this->capture();
+  TOLAN_KEEP_FRAME_();
+}
+
+__attribute__((noinline)) void Backtrace::unwind() noexcept {
+  capture();
+  TOLAN_KEEP_FRAME_();
+}
+
+__attribute__((noinline)) void Backtrace::capture() noexcept {
+  timestamp_ = monotonicSeconds();
+  void* raw[kMaxFrames + kOwnFrames];
+  const int n = unw_backtrace(raw, static_cast<int>(kMaxFrames) + kOwnFrames);
+  frameCount_ = n > kOwnFrames ? static_cast<uint32_t>(n - kOwnFrames) : 0;
+  std::memcpy(frames_, raw + kOwnFrames, frameCount_ * sizeof(void*));
+  TOLAN_KEEP_FRAME_();
+}
+
+String Backtrace::pretty() const {
+  std::ostringstream os;
+  os << "Timestamp:" << std::fixed << std::setprecision(6) << timestamp_ << " tid:" << tid_ << " Backtrace:\n";
+  if (frameCount_ == 0) {
+    os << "No backtrace available\n";
+    return os.str();
+  }
+  for (uint32_t i = 0; i < frameCount_; ++i) {
+    const void* address = frames_[i];
+    Dl_info info;
+    if (dladdr(address, &info)) {
+      if (info.dli_fname) os << info.dli_fname;
+      // Without a symbol the offset is into the object, which is what
+      // addr2line wants for a position-independent object.
+      const void* base = info.dli_saddr ? info.dli_saddr : info.dli_fbase;
+      const auto offset = reinterpret_cast<uintptr_t>(address) - reinterpret_cast<uintptr_t>(base);
+      os << '(' << (info.dli_sname ? info.dli_sname : "") << "+0x" << std::hex << offset << std::dec << ')';
+    }
+    os << '[' << address << "]\n";
+  }
+  return os.str();
+}
+
+int Backtrace::verbosity() noexcept {
+  const char* value = std::getenv("TOLAN_BACKTRACE_VERBOSITY");
+  return value && std::strcmp(value, "0") == 0 ? 0 : 1;
+}
+
+String TrackedBacktrace::toString() const { return "Exception message:" + message_ + "\n" + backtrace_.pretty(); }
+
+// ---------------------------------------------------------------------------
+// The tracker. Its state is created on first use and never destroyed, so that
+// exceptions made during static destruction still find it.
+
+namespace {
+
+struct TrackerState {
+  Locking::Lock lock;
+  boost::circular_buffer<TrackedBacktrace> buffer;
+};
+
+TrackerState& tracker() {
+  static TrackerState* const state = new TrackerState;
+  return *state;
+}
+
+}  // namespace
+
+void BacktraceTracker::enabledIs(bool on) {
+  TrackerState& t = tracker();
+  std::lock_guard<Locking::Lock> guard(t.lock);
+  if (on) {
+    if (t.buffer.capacity() == 0) t.buffer.set_capacity(kDefaultTrackerCapacity);
+  } else if (t.buffer.empty()) {
+    boost::circular_buffer<TrackedBacktrace>().swap(t.buffer);
+  }
+  enabled_.store(on, std::memory_order_relaxed);
+}
+
+unsigned BacktraceTracker::capacity() {
+  TrackerState& t = tracker();
+  std::lock_guard<Locking::Lock> guard(t.lock);
+  return static_cast<unsigned>(t.buffer.capacity());
+}
+
+void BacktraceTracker::capacityIs(unsigned n) {
+  TOLAN_ASSERT(enabled(), "User must enable the tracker to set the capacity.");
+  TOLAN_ASSERT(n != 0, "Cannot set a capacity of 0, use clear() instead.");
+  TrackerState& t = tracker();
+  std::lock_guard<Locking::Lock> guard(t.lock);
+  t.buffer.set_capacity(n);
+}
+
+void BacktraceTracker::backtraceIs(const String& msg) {
+  if (!enabled()) return;
+  record(msg, Backtrace(true));
+}
+
+void BacktraceTracker::record(const String& msg, const Backtrace& backtrace) {
+  TrackerState& t = tracker();
+  std::lock_guard<Locking::Lock> guard(t.lock);
+  // Disabled between the unlocked test and here: drop it, as if a moment earlier.
+  if (!enabled()) return;
+  t.buffer.push_back(TrackedBacktrace(msg, backtrace));
+}
+
+std::vector<TrackedBacktrace> BacktraceTracker::tracked() {
+  TrackerState& t = tracker();
+  std::lock_guard<Locking::Lock> guard(t.lock);
+  return std::vector<TrackedBacktrace>(t.buffer.begin(), t.buffer.end());
+}
+
+void BacktraceTracker::clear() {
+  TrackerState& t = tracker();
+  std::lock_guard<Locking::Lock> guard(t.lock);
+  t.buffer.clear();
+}
+
+void BacktraceTracker::printAll(std::ostream& os) {
+  TrackerState& t = tracker();
+  std::lock_guard<Locking::Lock> guard(t.lock);
+  for (const TrackedBacktrace& entry : t.buffer) os << entry.toString() << '\n';
+  os.flush();
+}
+
+String typeName(const char* mangled) {
+  if (!mangled) return String();
+  int status = 0;
+  char* demangled = abi::__cxa_demangle(mangled, nullptr, nullptr, &status);
+  if (status != 0) return mangled;
+  TOLAN_ASSERT(demangled != nullptr, "unable to demangle type {} status:{}", mangled, status);
+  String result(demangled);
+  std::free(demangled);
+  return result;
+}
+
+}  // namespace Tolan
