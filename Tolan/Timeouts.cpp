@@ -1,0 +1,234 @@
+#include "Tolan/Timeouts.h"
+
+#include <cerrno>
+#include <cstdlib>
+
+#include "Tolan/Assert.h"
+
+// Layout. A tick is read as eleven base-64 digits (the top one has 4 bits).
+// A waiting link lives on the level of the highest digit in which its expiry
+// differs from the current tick, in the slot named by its own digit there.
+// So every link on level L shares all digits above L with the current tick
+// and has a larger digit at L; it follows that
+//  - all links on a lower level expire before any link on a higher level,
+//  - on one level, slot order is expiry order (no wrap-around is possible),
+//  - advancing the clock only has to look at the slots whose digit it passes.
+// Passed slots are emptied and their links re-placed against the new tick:
+// they go to a lower level or to the expired list, never back up.
+//
+// Each level has a 64-bit occupancy word, so finding passed non-empty slots
+// and the earliest slot is a mask and a count-trailing-zeros, not a scan.
+
+struct timeout_list {
+  struct timeout* first;
+  struct timeout* last;
+};
+
+namespace {
+
+constexpr unsigned kSlotBits = 6;
+constexpr unsigned kSlots = 1u << kSlotBits;
+constexpr unsigned kLevels = (64 + kSlotBits - 1) / kSlotBits;  // 11
+
+}  // namespace
+
+struct timeouts {
+  timeout_t hz;
+  timeout_t current;
+  uint64_t occupied[kLevels];
+  timeout_list expired;
+  timeout_list slots[kLevels * kSlots];
+};
+
+namespace {
+
+inline void listAppend(timeout_list* list, timeout* link) {
+  link->next = nullptr;
+  link->prev = list->last;
+  if (list->last)
+    list->last->next = link;
+  else
+    list->first = link;
+  list->last = link;
+  link->pending = list;
+}
+
+inline void listUnlink(timeout_list* list, timeout* link) {
+  if (link->prev)
+    link->prev->next = link->next;
+  else
+    list->first = link->next;
+  if (link->next)
+    link->next->prev = link->prev;
+  else
+    list->last = link->prev;
+  link->next = link->prev = nullptr;
+  link->pending = nullptr;
+}
+
+inline unsigned levelOf(timeout_t expires, timeout_t current) {
+  return (63u - static_cast<unsigned>(__builtin_clzll(expires ^ current))) / kSlotBits;
+}
+
+inline void place(timeouts* T, timeout* link) {
+  if (link->expires <= T->current) {
+    listAppend(&T->expired, link);
+    return;
+  }
+  const unsigned level = levelOf(link->expires, T->current);
+  const unsigned slot = static_cast<unsigned>(link->expires >> (level * kSlotBits)) & (kSlots - 1);
+  listAppend(&T->slots[level * kSlots + slot], link);
+  T->occupied[level] |= uint64_t{1} << slot;
+}
+
+// The list must belong to T; anything else means a link shared between
+// wheels, which would corrupt both.
+inline bool ownsList(const timeouts* T, const timeout_list* list) {
+  return list == &T->expired || (list >= T->slots && list < T->slots + kLevels * kSlots);
+}
+
+void detachAll(timeout_list* list) {
+  for (timeout* link = list->first; link;) {
+    timeout* next = link->next;
+    link->next = link->prev = nullptr;
+    link->pending = nullptr;
+    link = next;
+  }
+  list->first = list->last = nullptr;
+}
+
+}  // namespace
+
+extern "C" {
+
+struct timeouts* timeouts_open(timeout_t hz, int* error) {
+  if (hz == 0) {
+    if (error) *error = EINVAL;
+    return nullptr;
+  }
+  // calloc: all lists empty, all occupancy words zero, current tick 0.
+  auto* T = static_cast<timeouts*>(std::calloc(1, sizeof(timeouts)));
+  if (!T) {
+    if (error) *error = ENOMEM;
+    return nullptr;
+  }
+  T->hz = hz;
+  if (error) *error = 0;
+  return T;
+}
+
+void timeouts_close(struct timeouts* T) {
+  if (!T) return;
+  detachAll(&T->expired);
+  for (unsigned level = 0; level < kLevels; ++level) {
+    for (uint64_t bits = T->occupied[level]; bits; bits &= bits - 1)
+      detachAll(&T->slots[level * kSlots + static_cast<unsigned>(__builtin_ctzll(bits))]);
+  }
+  std::free(T);
+}
+
+struct timeout* timeout_init(struct timeout* link, int flags) {
+  link->flags = flags;
+  link->expires = 0;
+  link->pending = nullptr;
+  link->next = link->prev = nullptr;
+  return link;
+}
+
+bool timeout_pending(const struct timeout* link) { return link->pending != nullptr; }
+
+void timeouts_add(struct timeouts* T, struct timeout* link, timeout_t tick) {
+  if (link->pending) timeouts_del(T, link);
+  if (link->flags & TIMEOUT_ABS) {
+    link->expires = tick;
+  } else {
+    timeout_t sum;
+    link->expires = __builtin_add_overflow(T->current, tick, &sum) ? UINT64_MAX : sum;
+  }
+  place(T, link);
+}
+
+void timeouts_del(struct timeouts* T, struct timeout* link) {
+  timeout_list* list = link->pending;
+  if (!list) return;
+  TOLAN_ASSERT(ownsList(T, list), "timeout {} is held by another wheel than {}", static_cast<void*>(link),
+               static_cast<void*>(T));
+  listUnlink(list, link);
+  if (list != &T->expired && !list->first) {
+    const auto index = static_cast<unsigned>(list - T->slots);
+    T->occupied[index / kSlots] &= ~(uint64_t{1} << (index % kSlots));
+  }
+}
+
+void timeouts_update(struct timeouts* T, timeout_t curtick) {
+  if (curtick <= T->current) return;
+  // Gather the passed slots first and re-place afterwards, so that a link
+  // moved down is not met again by this same update.
+  timeout_list moving{nullptr, nullptr};
+  for (unsigned level = 0; level < kLevels; ++level) {
+    const unsigned shift = level * kSlotBits;
+    const timeout_t from = T->current >> shift;
+    const timeout_t to = curtick >> shift;
+    if (from == to) break;  // higher digits are unchanged too
+    // Digits from+1 .. from+steps. Occupied slots all lie above `from`, so
+    // when the run wraps past 63 every one of them is passed and the wrapped
+    // part (slots up to `from`) is empty anyway.
+    uint64_t passed = ~uint64_t{0};
+    const timeout_t steps = to - from;
+    if (steps < kSlots) {
+      const unsigned start = static_cast<unsigned>(from + 1) & (kSlots - 1);
+      passed = ((uint64_t{1} << steps) - 1) << start;
+    }
+    uint64_t hit = T->occupied[level] & passed;
+    T->occupied[level] &= ~hit;
+    for (; hit; hit &= hit - 1) {
+      timeout_list* slot = &T->slots[level * kSlots + static_cast<unsigned>(__builtin_ctzll(hit))];
+      if (moving.last) {
+        moving.last->next = slot->first;
+        slot->first->prev = moving.last;
+      } else {
+        moving.first = slot->first;
+      }
+      moving.last = slot->last;
+      slot->first = slot->last = nullptr;
+    }
+  }
+  T->current = curtick;
+  for (timeout* link = moving.first; link;) {
+    timeout* next = link->next;
+    place(T, link);
+    link = next;
+  }
+}
+
+struct timeout* timeouts_get(struct timeouts* T) {
+  timeout* link = T->expired.first;
+  if (link) listUnlink(&T->expired, link);
+  return link;
+}
+
+bool timeouts_expired(struct timeouts* T) { return T->expired.first != nullptr; }
+
+bool timeouts_pending(struct timeouts* T) {
+  for (unsigned level = 0; level < kLevels; ++level)
+    if (T->occupied[level]) return true;
+  return false;
+}
+
+timeout_t timeouts_timeout(struct timeouts* T) {
+  if (T->expired.first) return 0;
+  for (unsigned level = 0; level < kLevels; ++level) {
+    if (!T->occupied[level]) continue;
+    // The earliest occupied slot; its first possible tick has the lower
+    // digits zero, exact on level 0 and a lower bound above.
+    const unsigned shift = level * kSlotBits;
+    const timeout_t slot = static_cast<timeout_t>(__builtin_ctzll(T->occupied[level]));
+    const timeout_t start = (((T->current >> shift) & ~timeout_t{kSlots - 1}) | slot) << shift;
+    return start - T->current;
+  }
+  return TIMEOUT_NEVER;
+}
+
+timeout_t timeouts_current(const struct timeouts* T) { return T->current; }
+
+}  // extern "C"

@@ -1,0 +1,111 @@
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "Tolan/Assert.h"
+#include "Tolan/Exception.h"
+#include "Tolan/Timeouts.h"
+#include "support/TimeoutsModel.h"
+
+namespace {
+
+struct Wheel {
+  Wheel() : T(timeouts_open(100, nullptr)) {}
+  ~Wheel() { timeouts_close(T); }
+  timeouts* T;
+};
+
+TEST(Timeouts, OpenRefusesZeroRate) {
+  int error = 0;
+  EXPECT_EQ(timeouts_open(0, &error), nullptr);
+  EXPECT_EQ(error, EINVAL);
+  EXPECT_EQ(timeouts_open(0, nullptr), nullptr);
+}
+
+TEST(Timeouts, RandomisedAgainstReference) {
+  for (uint64_t seed : {1u, 2u, 3u}) {
+    TolanTest::TimeoutsModel model(64, seed);
+    model.run(20000);
+    EXPECT_GT(model.fired(), 1000u) << "seed " << seed << " exercised too little";
+    if (HasFailure()) FAIL() << "seed " << seed;
+  }
+}
+
+TEST(Timeouts, AddMovesALinkAndRelativeTicksSaturate) {
+  Wheel w;
+  timeout link;
+  timeout_init(&link, 0);
+  timeouts_update(w.T, 5);
+  timeouts_add(w.T, &link, 10);
+  timeouts_add(w.T, &link, UINT64_MAX);  // relative: 5 + max saturates
+  EXPECT_EQ(link.expires, UINT64_MAX);
+  EXPECT_LE(timeouts_timeout(w.T), UINT64_MAX - 5);
+  EXPECT_GT(timeouts_timeout(w.T), UINT64_MAX / 2) << "a far link must not make the caller wake early";
+  timeouts_update(w.T, 100);
+  EXPECT_EQ(timeouts_get(w.T), nullptr) << "the first add was not replaced";
+  timeouts_update(w.T, UINT64_MAX);
+  EXPECT_EQ(timeouts_get(w.T), &link);
+  EXPECT_EQ(timeouts_get(w.T), nullptr);
+  EXPECT_EQ(timeouts_timeout(w.T), TIMEOUT_NEVER);
+}
+
+TEST(Timeouts, ExpiredLinksCanBeDeletedAndAddingInThePastExpiresAtOnce) {
+  Wheel w;
+  timeout a, b;
+  timeout_init(&a, TIMEOUT_ABS);
+  timeout_init(&b, TIMEOUT_ABS);
+  timeouts_update(w.T, 1000);
+  timeouts_add(w.T, &a, 999);
+  timeouts_add(w.T, &b, 1000);
+  EXPECT_TRUE(timeouts_expired(w.T));
+  EXPECT_FALSE(timeouts_pending(w.T));
+  EXPECT_EQ(timeouts_timeout(w.T), 0u);
+  timeouts_del(w.T, &a);
+  timeouts_del(w.T, &a);  // not held: nothing happens
+  EXPECT_EQ(timeouts_get(w.T), &b);
+  EXPECT_FALSE(timeouts_expired(w.T));
+}
+
+TEST(Timeouts, CallerFlagBitsSurviveEveryOperation) {
+  Wheel w;
+  timeout link;
+  const int flags = 0x04 | 0x08 | 0x10 | 0x100 | TIMEOUT_ABS;
+  timeout_init(&link, flags);
+  timeouts_add(w.T, &link, 70);
+  timeouts_update(w.T, 64);  // cascades from level 1 to level 0
+  EXPECT_EQ(link.flags, flags);
+  timeouts_update(w.T, 70);
+  EXPECT_EQ(timeouts_get(w.T), &link);
+  EXPECT_EQ(link.flags, flags);
+}
+
+TEST(Timeouts, CloseDetachesHeldLinks) {
+  timeouts* T = timeouts_open(100, nullptr);
+  timeout waiting, expired;
+  timeout_init(&waiting, 0);
+  timeout_init(&expired, 0);
+  timeouts_add(T, &waiting, 1u << 30);
+  timeouts_add(T, &expired, 0);
+  timeouts_close(T);
+  EXPECT_FALSE(timeout_pending(&waiting));
+  EXPECT_FALSE(timeout_pending(&expired));
+}
+
+TEST(Timeouts, DeletingFromAnotherWheelIsAnAssertion) {
+  Tolan::throwOnAssertFailIs(true);
+  Wheel a, b;
+  timeout link;
+  timeout_init(&link, 0);
+  timeouts_add(a.T, &link, 10);
+  try {
+    timeouts_del(b.T, &link);
+    ADD_FAILURE() << "no assertion";
+  } catch (const Tolan::AssertException& e) {
+    EXPECT_NE(std::strstr(e.what(), "is held by another wheel than"), nullptr) << e.what();
+  }
+  EXPECT_TRUE(timeout_pending(&link));
+  timeouts_del(a.T, &link);
+}
+
+}  // namespace

@@ -1,0 +1,187 @@
+// Randomised model check of the timing wheel against an ordered reference.
+// Shared by the quick unit test and the stress test, which differ in length.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <random>
+#include <set>
+#include <utility>
+#include <vector>
+
+#include "Tolan/Timeouts.h"
+
+namespace TolanTest {
+
+class TimeoutsModel {
+ public:
+  TimeoutsModel(size_t links, uint64_t seed) : links_(links), expires_(links, kIdle), flags_(links), rng_(seed) {
+    reopen(0);
+  }
+  ~TimeoutsModel() { timeouts_close(T_); }
+
+  // Runs `ops` random operations; stops at the first failed check.
+  void run(size_t ops) {
+    for (size_t i = 0; i < ops && !::testing::Test::HasFailure(); ++i) step();
+    drainAll();
+  }
+
+  size_t fired() const { return fired_; }
+
+ private:
+  static constexpr uint64_t kIdle = UINT64_MAX;  // reference: not held (UINT64_MAX itself is never a held value here)
+
+  uint64_t pick(uint64_t n) { return std::uniform_int_distribution<uint64_t>(0, n - 1)(rng_); }
+
+  void reopen(uint64_t start) {
+    // Closing must leave every link free for reuse.
+    timeouts_close(T_);
+    for (size_t i = 0; i < links_.size(); ++i) {
+      if (T_) {
+        EXPECT_FALSE(timeout_pending(&links_[i])) << "link " << i << " still held after close";
+      }
+      flags_[i] = static_cast<int>(pick(32)) & ~TIMEOUT_ABS;  // caller bits 0x01, 0x04, 0x08, 0x10
+      timeout_init(&links_[i], flags_[i]);
+      expires_[i] = kIdle;
+    }
+    ref_.clear();
+    int error = -1;
+    T_ = timeouts_open(100, &error);
+    ASSERT_NE(T_, nullptr);
+    EXPECT_EQ(error, 0);
+    timeouts_update(T_, start);
+    cur_ = start;
+  }
+
+  uint64_t saturatingAdd(uint64_t a, uint64_t b) { return a + b < a ? UINT64_MAX - 1 : a + b; }
+
+  void add(size_t i) {
+    uint64_t tick;
+    switch (pick(10)) {
+      case 0: tick = cur_ - std::min(cur_, pick(1000)); break;                  // past or now
+      case 1: tick = saturatingAdd(cur_, pick(uint64_t{1} << 40)); break;      // far
+      case 2: tick = UINT64_MAX - 1 - pick(1u << 20); break;                   // huge
+      case 3: tick = saturatingAdd(cur_, pick(uint64_t{1} << 20)); break;
+      case 4: tick = saturatingAdd(cur_, (uint64_t{1} << (6 * pick(11))) + pick(3) - 1); break;  // level edges
+      default: tick = saturatingAdd(cur_, pick(300)); break;                   // near
+    }
+    const bool absolute = pick(2) != 0 || tick < cur_;
+    links_[i].flags = (flags_[i] & ~TIMEOUT_ABS) | (absolute ? TIMEOUT_ABS : 0);
+    flags_[i] = links_[i].flags;
+    timeouts_add(T_, &links_[i], absolute ? tick : tick - cur_);
+    if (expires_[i] != kIdle) ref_.erase({expires_[i], i});
+    expires_[i] = tick;
+    ref_.insert({tick, i});
+    EXPECT_TRUE(timeout_pending(&links_[i]));
+  }
+
+  void del(size_t i) {
+    timeouts_del(T_, &links_[i]);
+    if (expires_[i] != kIdle) ref_.erase({expires_[i], i});
+    expires_[i] = kIdle;
+    EXPECT_FALSE(timeout_pending(&links_[i]));
+  }
+
+  // Fetches up to `max` expired links; each must be due and held.
+  void drain(size_t max) {
+    for (size_t n = 0; n < max; ++n) {
+      timeout* link = timeouts_get(T_);
+      if (!link) return;
+      const size_t i = static_cast<size_t>(link - links_.data());
+      ASSERT_LT(i, links_.size()) << "foreign link returned";
+      ASSERT_NE(expires_[i], kIdle) << "link " << i << " returned but not held (twice?)";
+      ASSERT_LE(expires_[i], cur_) << "link " << i << " returned before its tick";
+      EXPECT_FALSE(timeout_pending(link));
+      ref_.erase({expires_[i], i});
+      expires_[i] = kIdle;
+      ++fired_;
+    }
+  }
+
+  void drainAll() {
+    drain(SIZE_MAX);
+    if (!ref_.empty()) {
+      EXPECT_GT(ref_.begin()->first, cur_) << "link " << ref_.begin()->second << " due but not returned";
+    }
+  }
+
+  void advanceTo(uint64_t tick) {
+    timeouts_update(T_, tick);
+    cur_ = std::max(cur_, tick);
+    EXPECT_EQ(timeouts_current(T_), cur_);
+  }
+
+  // Waiting as an event loop would, by timeouts_timeout(), must reach the
+  // earliest link within one refinement per level.
+  void advanceByTimeout() {
+    drainAll();
+    if (ref_.empty()) return;
+    const uint64_t earliest = ref_.begin()->first;
+    for (int steps = 0; !timeouts_expired(T_); ++steps) {
+      ASSERT_LT(steps, 12) << "timeouts_timeout() makes no progress towards " << earliest;
+      advanceTo(cur_ + timeouts_timeout(T_));
+    }
+    EXPECT_EQ(cur_, earliest) << "woke later than the earliest link";
+    drainAll();
+  }
+
+  void check() {
+    const bool due = !ref_.empty() && ref_.begin()->first <= cur_;
+    const bool waiting = !ref_.empty() && ref_.rbegin()->first > cur_;
+    EXPECT_EQ(timeouts_expired(T_), due);
+    EXPECT_EQ(timeouts_pending(T_), waiting);
+    const uint64_t t = timeouts_timeout(T_);
+    if (due) {
+      EXPECT_EQ(t, 0u);
+    } else if (ref_.empty()) {
+      EXPECT_EQ(t, TIMEOUT_NEVER);
+    } else {
+      EXPECT_GE(t, 1u);
+      EXPECT_LE(t, ref_.begin()->first - cur_) << "timeouts_timeout() overshoots the earliest link";
+    }
+  }
+
+  void step() {
+    if (cur_ > UINT64_MAX / 2) reopen(pick(uint64_t{1} << 50));
+    const size_t i = pick(links_.size());
+    const uint64_t op = pick(100);
+    if (op < 40) {
+      add(i);
+    } else if (op < 55) {
+      del(i);
+    } else if (op < 70) {
+      advanceTo(cur_ + 1 + pick(70));
+      drain(pick(2) ? SIZE_MAX : pick(4));  // sometimes leave expired links behind
+    } else if (op < 80) {
+      advanceTo(cur_ + 1 + pick(5000));
+      drainAll();
+    } else if (op < 84) {
+      advanceTo(cur_ + pick(uint64_t{1} << (1 + pick(40))));
+      drainAll();
+    } else if (op < 86) {
+      advanceTo(cur_ - std::min(cur_, pick(10)));  // backwards: ignored
+    } else if (op < 96) {
+      advanceByTimeout();
+    } else if (op < 97) {
+      drainAll();
+      if (pick(8) == 0) advanceTo(UINT64_MAX - 1 - pick(1000));  // end of time: everything falls due
+      drainAll();
+    } else if (op < 98 && pick(links_.size()) < 256) {  // reopening visits every link
+      reopen(pick(2) ? 0 : pick(uint64_t{1} << 50));
+    }
+    EXPECT_EQ(links_[i].flags, flags_[i]) << "the wheel changed the caller's flags";
+    check();
+  }
+
+  std::vector<timeout> links_;
+  std::vector<uint64_t> expires_;
+  std::vector<int> flags_;
+  std::set<std::pair<uint64_t, size_t>> ref_;
+  std::mt19937_64 rng_;
+  timeouts* T_ = nullptr;
+  uint64_t cur_ = 0;
+  size_t fired_ = 0;
+};
+
+}  // namespace TolanTest
