@@ -2,7 +2,6 @@
 //
 //   ut_probe random N   setSeed(), then print the seed and N rand64() values, one a line
 //   ut_probe flag       print platformLibPresenceFlag
-//   ut_probe wait       print waitForDefaultTimeout()
 //
 // Linked against the incompatible library as ut_incompat_probe, it never
 // reaches main(): the library's load-time check aborts first.
@@ -12,7 +11,6 @@
 
 #include "Tolan/CheckIncompat.h"
 #include "Tolan/Random.h"
-#include "Tolan/UtilProc.h"
 
 int main(int argc, char** argv) {
   if (argc >= 3 && std::strcmp(argv[1], "random") == 0) {
@@ -27,10 +25,6 @@ int main(int argc, char** argv) {
     std::printf("%d\n", platformLibPresenceFlag);
     return 0;
   }
-  if (argc >= 2 && std::strcmp(argv[1], "wait") == 0) {
-    std::printf("%g\n", Tolan::waitForDefaultTimeout());
-    return 0;
-  }
-  std::fprintf(stderr, "usage: ut_probe random N | flag | wait\n");
+  std::fprintf(stderr, "usage: ut_probe random N | flag\n");
   return 2;
 }
