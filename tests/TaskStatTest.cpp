@@ -1,0 +1,188 @@
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <memory>
+
+#include "Tolan/Assert.h"
+#include "Tolan/Exception.h"
+#include "Tolan/TaskStat.h"
+
+namespace {
+
+using namespace Tolan;
+using std::chrono::milliseconds;
+using Status = TaskStat::TaskStatus;
+
+class TaskStatTest : public ::testing::Test {
+ protected:
+  void SetUp() override { throwOnAssertFailIs(true); }
+
+  // A record whose every field differs from the others', so a field mixed
+  // up with another shows.
+  TaskStat record(const char* name, uint32_t runs, TaskMaybeU32 workHigh, TaskMaybeU32 pendingHigh,
+                  milliseconds runHigh, milliseconds latency, milliseconds latencyHigh, Status status = Status()) {
+    return TaskStat(cache_->intern(name), TaskKey(7), TaskPriority::low, runs, milliseconds(10 * runs),
+                    100ull * runs, 1.5f * runs, workHigh, 3 * runs, pendingHigh, runs + 1, runs + 2, runHigh,
+                    latency, latencyHigh, status);
+  }
+
+  // Behind a pointer: the cache's destructor may throw, the fixture's may not.
+  std::unique_ptr<ConstStringCache> cache_ = std::make_unique<ConstStringCache>();
+};
+
+TEST_F(TaskStatTest, PrioritiesAndKeysRenderTheirNames) {
+  const char* names[] = {"absolute", "high", "normal", "low", "scavenge", "oneBeyondLast"};
+  const char letters[] = "AHNLS-";
+  for (unsigned i = 0; i <= TaskPriority::oneBeyondLast; ++i) {
+    auto p = TaskPriority::fromNumber(i);
+    EXPECT_STREQ(p.toStrep(), names[i]);
+    EXPECT_EQ(p.oneChar(), letters[i]);
+    EXPECT_EQ(p.oneCharString(), std::string(1, letters[i]));
+    EXPECT_EQ(fmt::format("{}", p), names[i]);
+  }
+  EXPECT_LT(TaskPriority(TaskPriority::high), TaskPriority(TaskPriority::low));
+  EXPECT_EQ(sizeof(TaskPriority), 1u);
+  EXPECT_EQ(TaskKey(42).toStrep(), "@42");
+  EXPECT_EQ(fmt::format("{}", TaskKey(0)), "@0");
+
+  try {
+    TaskPriority::fromNumber(6).toStrep();
+    FAIL() << "no assertion";
+  } catch (const AssertException& e) {
+    EXPECT_NE(e.message().find("unexpected priority value 6"), std::string::npos) << e.message();
+  }
+  try {
+    TaskPriority::fromNumber(200).oneChar();
+    FAIL() << "no assertion";
+  } catch (const AssertException& e) {
+    EXPECT_NE(e.message().find("unexpected priority 200"), std::string::npos) << e.message();
+  }
+}
+
+TEST_F(TaskStatTest, StatusStringRanksRunningOverSuspendedOverTimer) {
+  struct Case {
+    uint8_t bits;
+    TaskPriority priority;
+    const char* expected;
+  } cases[] = {
+      {Status::kTimer | Status::kTimerRunning | Status::kOnRunQueue, TaskPriority::normal, "TN"},
+      {Status::kTimer | Status::kTimerRunning, TaskPriority::normal, "Tn"},
+      {Status::kTimer, TaskPriority::high, "th"},
+      {Status::kCurrentlyRunning | Status::kSuspended | Status::kTimer, TaskPriority::low, "*l"},
+      {Status::kSuspended | Status::kTimer | Status::kTimerRunning, TaskPriority::scavenge, "Ss"},
+      {Status::kOnRunQueue, TaskPriority::absolute, " A"},
+      {Status::kIsTaskGroup, TaskPriority::high, " h"},
+  };
+  for (const auto& c : cases) {
+    TaskStat stat(ConstStringRef(), TaskKey(1), c.priority, 0, {}, 0, 0, {}, 0, {}, 0, 0, {}, {}, {},
+                  Status(c.bits));
+    EXPECT_EQ(stat.taskStatusString(), c.expected) << unsigned(c.bits);
+  }
+}
+
+TEST_F(TaskStatTest, StatusSettersTouchOnlyTheirOwnBit) {
+  Status s;
+  s.taskTimerIs(true);
+  s.taskSuspendedIs(true);
+  s.taskIsTaskGroupIs(true);
+  EXPECT_EQ(s.bits(), Status::kTimer | Status::kSuspended | Status::kIsTaskGroup);
+  s.taskSuspendedIs(false);
+  s.taskOnRunQueueIs(true);
+  EXPECT_TRUE(s.taskTimer() && s.taskOnRunQueue() && s.taskIsTaskGroup());
+  EXPECT_FALSE(s.taskSuspended() || s.taskTimerRunning() || s.taskCurrentlyRunning());
+  s.taskCurrentlyRunningIs(true);
+  s.taskTimerRunningIs(true);
+  EXPECT_EQ(s.bits(), 0x2f);
+}
+
+TEST_F(TaskStatTest, DefaultRecordIsZeroAndNameless) {
+  TaskStat stat;
+  EXPECT_EQ(stat.taskName(), "");
+  EXPECT_EQ(stat.taskRunCount(), 0u);
+  EXPECT_EQ(stat.taskWorkCountHighWater(), TaskMaybeU32(0));
+  EXPECT_EQ(stat.taskTotalRunTime().count(), 0);
+  EXPECT_EQ(stat.taskCompletedCount(), 0u);
+  stat.taskNameIs(cache_->intern("named"));
+  EXPECT_EQ(stat.taskName(), "named");
+}
+
+TEST_F(TaskStatTest, MergeAddsCountsOverwritesGaugesAndKeepsMaxima) {
+  TaskStat a = record("w", 2, TaskMaybeU32(7), TaskMaybeU32::none(), milliseconds(30), milliseconds(4),
+                      milliseconds(9), Status(Status::kOnRunQueue));
+  a.taskCompletedCountIs(1);
+  TaskStat b = record("w", 5, TaskMaybeU32::none(), TaskMaybeU32(9), milliseconds(20), milliseconds(1),
+                      milliseconds(12), Status(Status::kSuspended));
+  b.taskCompletedCountIs(1);
+  const TaskKey keyBefore = a.taskKey();
+
+  TaskStat& result = (a += b);
+  EXPECT_EQ(&result, &a);
+  // Added.
+  EXPECT_EQ(a.taskRunCount(), 7u);
+  EXPECT_EQ(a.taskTotalRunTime(), milliseconds(70));
+  EXPECT_EQ(a.taskWorkCountTotal(), 700u);
+  EXPECT_EQ(a.taskQuantumViolation500(), 3u + 6u);
+  EXPECT_EQ(a.taskQuantumViolation200(), 4u + 7u);
+  // Overwritten by the later record.
+  EXPECT_FLOAT_EQ(a.taskWorkCountDecayingAverage(), 7.5f);
+  EXPECT_EQ(a.taskWorkPending(), 15u);
+  EXPECT_EQ(a.taskLastSchedulingLatency(), milliseconds(1));
+  EXPECT_EQ(a.taskStatus(), Status(Status::kSuspended));
+  // Maxima; a no-value never wins and never loses to nothing.
+  EXPECT_EQ(a.taskWorkCountHighWater(), TaskMaybeU32(7));
+  EXPECT_EQ(a.taskWorkPendingHighWater(), TaskMaybeU32(9));
+  EXPECT_EQ(a.taskRunTimeHighWaterMark(), milliseconds(30));
+  EXPECT_EQ(a.taskSchedulingLatencyHighWaterMark(), milliseconds(12));
+  // One more completion, whatever b counted; identity untouched.
+  EXPECT_EQ(a.taskCompletedCount(), 2u);
+  EXPECT_EQ(a.taskKey(), keyBefore);
+  EXPECT_EQ(a.taskPriority(), TaskPriority::low);
+  EXPECT_EQ(a.taskName(), "w");
+
+  b.taskCompletedCountIs(40);
+  a += b;
+  EXPECT_EQ(a.taskCompletedCount(), 3u);
+
+  // No-value merged with no-value stays no-value; 0 is a value and loses to none.
+  TaskStat none1 = record("n", 1, TaskMaybeU32::none(), TaskMaybeU32(0), milliseconds(-5), {}, {});
+  TaskStat none2 = record("n", 1, TaskMaybeU32::none(), TaskMaybeU32::none(), milliseconds(-2), {}, {});
+  none1 += none2;
+  EXPECT_FALSE(none1.taskWorkCountHighWater().hasValue());
+  EXPECT_EQ(none1.taskWorkPendingHighWater(), TaskMaybeU32(0));
+  EXPECT_EQ(none1.taskRunTimeHighWaterMark(), milliseconds(-2));  // signed comparison
+}
+
+TEST_F(TaskStatTest, QueueStatsMergePerPriority) {
+  TaskSchedulerQueueStats a, b;
+  a.emplace(TaskPriority::normal, TaskSchedulerPriorityStats(TaskPriority::normal, 1, 2, 3, 4));
+  b.emplace(TaskPriority::normal, TaskSchedulerPriorityStats(TaskPriority::normal, 10, 20, 30, 1ull << 40));
+  b.emplace(TaskPriority::absolute, TaskSchedulerPriorityStats(TaskPriority::absolute, 5, 0, 0, 1));
+  TaskSchedulerQueueStats& result = (a += b);
+  EXPECT_EQ(&result, &a);
+  ASSERT_EQ(a.size(), 2u);
+  EXPECT_EQ(a.begin()->first, TaskPriority::absolute);
+  const auto& normal = a.at(TaskPriority::normal);
+  EXPECT_EQ(normal.runnableTasks, 11u);
+  EXPECT_EQ(normal.idleTasks, 22u);
+  EXPECT_EQ(normal.completedTasks, 33u);
+  EXPECT_EQ(normal.totalRunCount, (1ull << 40) + 4);
+  EXPECT_EQ(a.at(TaskPriority::absolute).runnableTasks, 5u);
+}
+
+using TaskStatDeathTest = TaskStatTest;
+
+TEST_F(TaskStatDeathTest, MergingDifferentNamesOrPrioritiesAborts) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  TaskStat a = record("alpha", 1, {}, {}, {}, {}, {});
+  TaskStat b = record("beta", 1, {}, {}, {}, {}, {});
+  EXPECT_DEATH(a += b, "TaskSchedulerCpp.*operator\\+=.*alpha != beta");
+
+  TaskSchedulerPriorityStats high(TaskPriority::high), low(TaskPriority::low);
+  EXPECT_DEATH(high += low, "TaskSchedulerCpp.*operator\\+=.*high != low");
+  TaskSchedulerQueueStats qa, qb;
+  qa.emplace(TaskPriority::high, high);
+  qb.emplace(TaskPriority::high, low);  // a record filed under the wrong priority
+  EXPECT_DEATH(qa += qb, "high != low");
+}
+
+}  // namespace
