@@ -1,0 +1,244 @@
+// Trace call cost, side by side with spdlog in one run.
+//
+//   Disabled: a TOLAN_TRACE call whose level is off, in a loop, against the
+//   same loop without it and against spdlog's runtime-disabled debug() call.
+//   Enabled:  whole trace lines written to a file and flushed, lines per
+//   second, against spdlog's synchronous basic_file_sink with a comparable
+//   prefix, flushed on every line.
+//
+// After the runs a summary prints nanoseconds per call and the ratios, and
+// checks that each file holds exactly as many lines as were written. Use
+// --benchmark_repetitions=N for stable figures (the summary then uses medians).
+#include <benchmark/benchmark.h>
+#include <spdlog/logger.h>
+#include <spdlog/sinks/basic_file_sink.h>
+#include <spdlog/sinks/null_sink.h>
+#include <spdlog/spdlog.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <string>
+#include <unistd.h>
+
+#include "Tolan/Debug.h"
+
+namespace {
+
+// Calls per benchmark iteration in the disabled loops, so that the harness's
+// own per-iteration cost is spread thin.
+constexpr int kCallsPerIteration = 1000;
+
+const std::string kText = "some task name";
+
+struct Files {
+  std::string dir;
+  std::string tolan;
+  std::string spdlog;
+};
+Files gFiles;
+
+std::shared_ptr<Tolan::Platform::DebugHandler> gHandler;
+std::shared_ptr<spdlog::logger> gDisabledLogger;
+std::shared_ptr<spdlog::logger> gFileLogger;
+
+// Lines each enabled benchmark has written, to check against the files.
+long gTolanLines = 0;
+long gSpdlogLines = 0;
+
+// Level 9 is off on this handler, 5 is on.
+constexpr unsigned kOffLevel = 9;
+constexpr unsigned kOnLevel = 5;
+
+void BM_Loop_Empty(benchmark::State& state) {
+  Tolan::Platform::DebugHandler* h = gHandler.get();
+  for (auto _ : state) {
+    for (int i = 0; i < kCallsPerIteration; ++i) {
+      // The same barrier as in the loops below: the handler may have changed.
+      benchmark::DoNotOptimize(h);
+      benchmark::DoNotOptimize(i);
+    }
+  }
+  state.SetItemsProcessed(state.iterations() * kCallsPerIteration);
+}
+
+void BM_Disabled_Tolan(benchmark::State& state) {
+  Tolan::Platform::DebugHandler* h = gHandler.get();
+  if (h->enabled(kOffLevel)) state.SkipWithError("level 9 is enabled; unset TRACE");
+  for (auto _ : state) {
+    for (int i = 0; i < kCallsPerIteration; ++i) {
+      // Hides the handler from the optimiser, so the mask is loaded through
+      // levelsPtr on every call rather than tested once before the loop.
+      benchmark::DoNotOptimize(h);
+      benchmark::DoNotOptimize(i);
+      TOLAN_TRACE(h, kOffLevel, "x {} {}", i, kText);
+    }
+  }
+  state.SetItemsProcessed(state.iterations() * kCallsPerIteration);
+}
+
+void BM_Disabled_Spdlog(benchmark::State& state) {
+  spdlog::logger* logger = gDisabledLogger.get();
+  if (logger->should_log(spdlog::level::debug)) state.SkipWithError("spdlog debug level is enabled");
+  for (auto _ : state) {
+    for (int i = 0; i < kCallsPerIteration; ++i) {
+      benchmark::DoNotOptimize(logger);
+      benchmark::DoNotOptimize(i);
+      logger->debug("x {} {}", i, kText);
+    }
+  }
+  state.SetItemsProcessed(state.iterations() * kCallsPerIteration);
+}
+
+void BM_FileLine_Tolan(benchmark::State& state) {
+  Tolan::Platform::DebugHandler* h = gHandler.get();
+  if (!h->enabled(kOnLevel)) state.SkipWithError("level 5 is not enabled");
+  int i = 0;
+  for (auto _ : state) {
+    TOLAN_TRACE(h, kOnLevel, "Running task {} for {} ms", kText, ++i);
+  }
+  gTolanLines += static_cast<long>(state.iterations());
+  state.SetItemsProcessed(state.iterations());
+}
+
+void BM_FileLine_Spdlog(benchmark::State& state) {
+  spdlog::logger* logger = gFileLogger.get();
+  int i = 0;
+  for (auto _ : state) {
+    logger->info("Running task {} for {} ms", kText, ++i);
+  }
+  gSpdlogLines += static_cast<long>(state.iterations());
+  state.SetItemsProcessed(state.iterations());
+}
+
+BENCHMARK(BM_Loop_Empty);
+BENCHMARK(BM_Disabled_Tolan);
+BENCHMARK(BM_Disabled_Spdlog);
+BENCHMARK(BM_FileLine_Tolan);
+BENCHMARK(BM_FileLine_Spdlog);
+
+// Console output as usual, and the per-item time of every run kept by name:
+// of the median when there are repetitions, else of the single run.
+class SummaryReporter : public benchmark::ConsoleReporter {
+ public:
+  void ReportRuns(const std::vector<Run>& runs) override {
+    ConsoleReporter::ReportRuns(runs);
+    for (const Run& run : runs) {
+      if (run.error_occurred) continue;
+      const bool aggregate = run.run_type == Run::RT_Aggregate;
+      if (aggregate && run.aggregate_name != "median") continue;
+      const std::string name = run.run_name.function_name;
+      if (!aggregate && medianSeen_.count(name)) continue;
+      if (aggregate) medianSeen_[name] = true;
+      auto items = run.counters.find("items_per_second");
+      if (items == run.counters.end() || items->second.value <= 0) continue;
+      nsPerItem_[name] = 1e9 / items->second.value;
+    }
+  }
+
+  bool has(const std::string& name) const { return nsPerItem_.count(name) != 0; }
+  double ns(const std::string& name) const { return nsPerItem_.at(name); }
+
+ private:
+  std::map<std::string, double> nsPerItem_;
+  std::map<std::string, bool> medianSeen_;
+};
+
+long countLines(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  long lines = 0;
+  char buffer[1 << 16];
+  while (in.read(buffer, sizeof buffer) || in.gcount() > 0) {
+    for (std::streamsize k = 0; k < in.gcount(); ++k) lines += buffer[k] == '\n';
+  }
+  return lines;
+}
+
+void printFirstLine(const char* label, const std::string& path) {
+  std::ifstream in(path);
+  std::string line;
+  if (std::getline(in, line)) std::printf("  %-7s line: %s\n", label, line.c_str());
+}
+
+// Prints the figures and ratios; returns false if a file lost or gained lines.
+bool summarise(const SummaryReporter& r) {
+  bool ok = true;
+  std::printf("\nSummary\n");
+  if (r.has("BM_Loop_Empty") && r.has("BM_Disabled_Tolan") && r.has("BM_Disabled_Spdlog")) {
+    const double empty = r.ns("BM_Loop_Empty");
+    const double tolan = r.ns("BM_Disabled_Tolan");
+    const double spd = r.ns("BM_Disabled_Spdlog");
+    std::printf("  disabled call, ns per loop iteration: empty loop %.3f, Tolan %.3f, spdlog %.3f\n", empty, tolan,
+                spd);
+    std::printf("  disabled call, ns added to the loop:  Tolan %.3f, spdlog %.3f\n", tolan - empty, spd - empty);
+    std::printf("  disabled ratio Tolan/spdlog: %.3f per iteration, %.3f of added cost (goal <= 0.2, Tolan < 1 ns)\n",
+                tolan / spd, (spd - empty) > 0 ? (tolan - empty) / (spd - empty) : 0.0);
+  }
+  if (r.has("BM_FileLine_Tolan") && r.has("BM_FileLine_Spdlog")) {
+    const double tolan = r.ns("BM_FileLine_Tolan");
+    const double spd = r.ns("BM_FileLine_Spdlog");
+    std::printf("  file lines per second: Tolan %.0f, spdlog %.0f\n", 1e9 / tolan, 1e9 / spd);
+    std::printf("  file rate ratio Tolan/spdlog: %.3f (goal >= 1.0)\n", spd / tolan);
+  }
+  if (gTolanLines || gSpdlogLines) {
+    gFileLogger->flush();
+    const long tolanFile = countLines(gFiles.tolan);
+    const long spdFile = countLines(gFiles.spdlog);
+    std::printf("  lines in files: Tolan %ld of %ld written, spdlog %ld of %ld written\n", tolanFile, gTolanLines,
+                spdFile, gSpdlogLines);
+    printFirstLine("Tolan", gFiles.tolan);
+    printFirstLine("spdlog", gFiles.spdlog);
+    if (tolanFile != gTolanLines || spdFile != gSpdlogLines) {
+      std::printf("  ERROR: a trace file does not hold the lines written\n");
+      ok = false;
+    }
+  }
+  return ok;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  char dirTemplate[] = "/tmp/tolan-tracebench-XXXXXX";
+  if (!mkdtemp(dirTemplate)) {
+    std::perror("mkdtemp");
+    return 1;
+  }
+  gFiles.dir = dirTemplate;
+  gFiles.tolan = gFiles.dir + "/tolan.trace";
+  gFiles.spdlog = gFiles.dir + "/spdlog.trace";
+
+  // Nothing has traced yet: point the trace output at our file, with the
+  // default line layout "date,time,tid,handle,level" unless TRACEFORMAT
+  // asks for another (to see what each field costs).
+  setenv("TRACEFILE", gFiles.tolan.c_str(), 1);
+  Tolan::Platform::setTraceFormat("date,time,tid,handle,level");
+  Tolan::Platform::setTraceFormat(nullptr);
+  Tolan::Platform::setupTolanDebug("TraceBench/5");
+  gHandler = Tolan::Platform::getDebugHandler("TraceBench");
+
+  gDisabledLogger = std::make_shared<spdlog::logger>("TraceBench", std::make_shared<spdlog::sinks::null_sink_mt>());
+  gDisabledLogger->set_level(spdlog::level::info);
+
+  // The same fields as our default prefix; "_mt" because our sink is shared
+  // by all threads too.
+  gFileLogger = std::make_shared<spdlog::logger>(
+      "TraceBench", std::make_shared<spdlog::sinks::basic_file_sink_mt>(gFiles.spdlog, true));
+  gFileLogger->set_pattern("%Y-%m-%d %H:%M:%S.%f %t %n %l %v");
+  gFileLogger->set_level(spdlog::level::trace);
+  gFileLogger->flush_on(spdlog::level::trace);
+
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  SummaryReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  const bool ok = summarise(reporter);
+  benchmark::Shutdown();
+
+  std::remove(gFiles.tolan.c_str());
+  std::remove(gFiles.spdlog.c_str());
+  rmdir(gFiles.dir.c_str());
+  return ok ? 0 : 1;
+}
