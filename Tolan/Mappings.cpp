@@ -89,9 +89,7 @@ class Cursor {
 }  // namespace
 
 bool parseMapsLine(const char* line, size_t len, MappingInfo& info) {
-  const char* end = line + len;
-  if (len != 0 && end[-1] == '\n') --end;
-  Cursor c(line, end);
+  Cursor c(line, line + len);
   if (!(c.number(info.start, 16) && c.literal('-') && c.number(info.end, 16) && c.blanks() &&
         c.word(info.perms) && c.blanks() && c.number(info.offset, 16) && c.blanks() &&
         c.number(info.major, 16) && c.literal(':') && c.number(info.minor, 16) && c.blanks() &&

@@ -73,7 +73,7 @@ class PidMappings {
 
 namespace Impl {
 
-// Parses one maps line ("start-end perms offset major:minor inode [path]",
+// Parses one maps line, without its newline ("start-end perms offset major:minor inode [path]",
 // numbers in hexadecimal except the decimal inode; the path is the rest of
 // the line after the blanks that pad it, so it may contain blanks). False
 // when the line does not have that form; `info` is then unspecified.

@@ -291,7 +291,7 @@ TEST(UtilProc, WaitForDefaultTimeoutFromEnvironment) {
 
 TEST(Mappings, ParsesLinesAndFormatsThem) {
   Tolan::MappingInfo info;
-  const std::string line = "7f12a000-7f12b000 r-xp 00001000 08:1f 1234567                    /usr/lib/x y.so\n";
+  const std::string line = "7f12a000-7f12b000 r-xp 00001000 08:1f 1234567                    /usr/lib/x y.so";
   ASSERT_TRUE(Tolan::Impl::parseMapsLine(line.data(), line.size(), info));
   EXPECT_EQ(fmt::format("{}", info),
             "MappingInfo { start:0x7f12a000 end:0x7f12b000 perms:r-xp offset:0x1000 major:0x8 minor:0x1f "
@@ -308,7 +308,10 @@ TEST(Mappings, ParsesLinesAndFormatsThem) {
 
   Tolan::throwOnAssertFailIs(true);
   Tolan::MappingInfos infos;
-  EXPECT_THROW(Tolan::Impl::parseMaps(line + "garbage\n", "/proc/1/maps", infos), Tolan::AssertException);
+  Tolan::Impl::parseMaps(line + "\n\n" + anon + "\n", "/proc/1/maps", infos);
+  ASSERT_EQ(infos.size(), 2u);
+  EXPECT_EQ(infos.find(reinterpret_cast<const void*>(0x7f12a800))->path, "/usr/lib/x y.so");
+  EXPECT_THROW(Tolan::Impl::parseMaps(line + "\ngarbage\n", "/proc/1/maps", infos), Tolan::AssertException);
 }
 
 TEST(Mappings, FindsTheMappingOfAnAddressInThisProcess) {

@@ -1,0 +1,119 @@
+// Throughput of Util::hash / Util::hash64 next to byte-wise FNV-1a of the
+// same width, XXH32/XXH64/XXH3 and std::hash<std::string_view>, on 16 B,
+// 64 B and 4 KiB inputs. After the usual table it prints, per size, how many
+// times faster ours is than each peer (peer time / our time).
+#include <benchmark/benchmark.h>
+#include <xxhash.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <functional>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Tolan/HashMix.h"
+
+namespace {
+
+// Out of line like every peer here (all are calls into a library), so that
+// the comparison is of the loops, not of inlining.
+__attribute__((noinline)) uint32_t fnv1a32(const void* data, size_t len) {
+  const auto* p = static_cast<const unsigned char*>(data);
+  uint32_t h = 0x811c9dc5u;
+  for (size_t i = 0; i < len; ++i) h = (h ^ p[i]) * 16777619u;
+  return h;
+}
+
+__attribute__((noinline)) uint64_t fnv1a64(const void* data, size_t len) {
+  const auto* p = static_cast<const unsigned char*>(data);
+  uint64_t h = 0xcbf29ce484222325ull;
+  for (size_t i = 0; i < len; ++i) h = (h ^ p[i]) * 0x100000001b3ull;
+  return h;
+}
+
+const std::vector<char>& input() {
+  static const std::vector<char> buffer = [] {
+    std::vector<char> b(4096 + 64);
+    uint32_t x = 12345;
+    for (char& c : b) c = static_cast<char>((x = x * 1103515245u + 12345u) >> 24);
+    return b;
+  }();
+  return buffer;
+}
+
+template <typename Fn>
+void run(benchmark::State& state, Fn fn) {
+  const size_t len = static_cast<size_t>(state.range(0));
+  const char* data = input().data();
+  for (auto _ : state) {
+    const char* p = data;
+    benchmark::DoNotOptimize(p);  // the input is opaque: nothing may be hoisted
+    benchmark::DoNotOptimize(fn(p, len));
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(len));
+}
+
+void BM_TolanHash32(benchmark::State& s) { run(s, [](const char* p, size_t n) { return Tolan::Util::hash(p, n); }); }
+void BM_TolanHash64(benchmark::State& s) { run(s, [](const char* p, size_t n) { return Tolan::Util::hash64(p, n); }); }
+void BM_Fnv1a32(benchmark::State& s) { run(s, [](const char* p, size_t n) { return fnv1a32(p, n); }); }
+void BM_Fnv1a64(benchmark::State& s) { run(s, [](const char* p, size_t n) { return fnv1a64(p, n); }); }
+void BM_XXH32(benchmark::State& s) { run(s, [](const char* p, size_t n) { return XXH32(p, n, 0); }); }
+void BM_XXH64(benchmark::State& s) { run(s, [](const char* p, size_t n) { return XXH64(p, n, 0); }); }
+void BM_XXH3(benchmark::State& s) { run(s, [](const char* p, size_t n) { return XXH3_64bits(p, n); }); }
+void BM_StdHash(benchmark::State& s) {
+  run(s, [](const char* p, size_t n) { return std::hash<std::string_view>()(std::string_view(p, n)); });
+}
+
+#define HASH_SIZES ->Arg(16)->Arg(64)->Arg(4096)
+BENCHMARK(BM_TolanHash32) HASH_SIZES;
+BENCHMARK(BM_TolanHash64) HASH_SIZES;
+BENCHMARK(BM_Fnv1a32) HASH_SIZES;
+BENCHMARK(BM_Fnv1a64) HASH_SIZES;
+BENCHMARK(BM_XXH32) HASH_SIZES;
+BENCHMARK(BM_XXH64) HASH_SIZES;
+BENCHMARK(BM_XXH3) HASH_SIZES;
+BENCHMARK(BM_StdHash) HASH_SIZES;
+
+// Remembers the time per iteration of every run for the summary.
+class Collector : public benchmark::ConsoleReporter {
+ public:
+  void ReportRuns(const std::vector<Run>& runs) override {
+    for (const Run& r : runs) {
+      if (r.run_type == Run::RT_Iteration && r.iterations > 0) times[r.benchmark_name()] = r.GetAdjustedRealTime();
+    }
+    ConsoleReporter::ReportRuns(runs);
+  }
+  std::map<std::string, double> times;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  Collector collector;
+  benchmark::RunSpecifiedBenchmarks(&collector);
+  benchmark::Shutdown();
+
+  const struct {
+    const char* ours;
+    const char* peers[4];
+  } rows[] = {{"BM_TolanHash32", {"BM_Fnv1a32", "BM_StdHash", "BM_XXH32", "BM_XXH3"}},
+              {"BM_TolanHash64", {"BM_Fnv1a64", "BM_StdHash", "BM_XXH64", "BM_XXH3"}}};
+  std::printf("\nSpeed-up of ours over each peer (peer time / our time; > 1 means ours is faster):\n");
+  for (const auto& row : rows) {
+    for (const char* size : {"16", "64", "4096"}) {
+      auto ours = collector.times.find(std::string(row.ours) + "/" + size);
+      if (ours == collector.times.end()) continue;
+      std::printf("  %-15s %5s B:", row.ours + 3, size);
+      for (const char* peer : row.peers) {
+        auto it = collector.times.find(std::string(peer) + "/" + size);
+        if (it != collector.times.end()) std::printf("  %s %.2fx", peer + 3, it->second / ours->second);
+      }
+      std::printf("\n");
+    }
+  }
+  return 0;
+}
