@@ -9,7 +9,6 @@
 #include <cstring>
 #include <fstream>
 #include <iostream>
-#include <iterator>
 
 #include "Tolan/Debug.h"
 #include "Tolan/Loco.h"
@@ -51,39 +50,68 @@ TraceSink& sink() {
 // Room for a default prefix plus a 500-character message without allocating.
 using LineBuffer = fmt::basic_memory_buffer<char, Fmt::kMessageInlineSize + 140>;
 
+// The local date and time of one second, as printed. Converting and
+// formatting the time was the largest cost of a line after the write itself,
+// yet it changes once a second (localtime_r() reads the time zone only once
+// per process); each thread keeps the text of its last second.
+struct SecondText {
+  time_t second = -1;
+  bool valid = false;  // localtime_r() failed: neither field is printed
+  size_t dateLength = 0;
+  size_t timeLength = 0;
+  char date[32] = {};  // "%Y-%m-%d "
+  char time[32] = {};  // "%H:%M:%S"
+};
+thread_local SecondText tlsSecond;
+
+const SecondText& secondText(time_t second) {
+  SecondText& t = tlsSecond;
+  if (t.second != second) {
+    struct tm local;
+    t.second = second;
+    t.valid = localtime_r(&second, &local) != nullptr;
+    if (t.valid) {
+      t.dateLength = strftime(t.date, sizeof t.date, "%Y-%m-%d ", &local);
+      t.timeLength = strftime(t.time, sizeof t.time, "%H:%M:%S", &local);
+    }
+  }
+  return t;
+}
+
+void appendNumber(LineBuffer& out, long long n) {
+  const fmt::format_int text(n);
+  out.append(text.data(), text.data() + text.size());
+  out.push_back(' ');
+}
+
 void appendPrefix(LineBuffer& out, unsigned level, const void* handle, const char* file, const char* func, int line) {
-  auto it = std::back_inserter(out);
   if (show(kDate) || show(kTime)) {
     struct timeval now;
     gettimeofday(&now, nullptr);
-    struct tm local;
-    if (localtime_r(&now.tv_sec, &local)) {
-      char text[32];
-      if (show(kDate)) {
-        const size_t n = strftime(text, sizeof text, "%Y-%m-%d ", &local);
-        out.append(text, text + n);
-      }
+    const SecondText& t = secondText(now.tv_sec);
+    if (t.valid) {
+      if (show(kDate)) out.append(t.date, t.date + t.dateLength);
       if (show(kTime)) {
-        const size_t n = strftime(text, sizeof text, "%H:%M:%S", &local);
-        out.append(text, text + n);
+        out.append(t.time, t.time + t.timeLength);
         // Microseconds as a plain number, no zero padding: 12:00:00.42 is 42 us.
-        fmt::format_to(it, ".{} ", static_cast<long>(now.tv_usec));
+        out.push_back('.');
+        appendNumber(out, now.tv_usec);
       }
     }
   }
-  if (show(kPid)) fmt::format_to(it, "{} ", getpid());
-  if (show(kTid)) fmt::format_to(it, "{} ", gettid());
+  if (show(kPid)) appendNumber(out, getpid());
+  if (show(kTid)) appendNumber(out, gettid());
   if (show(kHandle)) {
     const auto* named = dynamic_cast<const Orn::DebugHandler*>(static_cast<const Platform::DebugHandler*>(handle));
     if (named) out.append(named->name().data(), named->name().data() + named->name().size());
     out.push_back(' ');
   }
-  if (show(kLevel)) fmt::format_to(it, "{} ", level);
+  if (show(kLevel)) appendNumber(out, level);
   if (show(kLineInfo)) {
     const char* base = file ? std::strrchr(file, '/') : nullptr;
-    fmt::format_to(it, "{}:{} ", base ? base + 1 : (file ? file : ""), line);
+    fmt::format_to(fmt::appender(out), "{}:{} ", base ? base + 1 : (file ? file : ""), line);
   }
-  if (show(kFuncName)) fmt::format_to(it, "{} ", func ? func : "");
+  if (show(kFuncName)) fmt::format_to(fmt::appender(out), "{} ", func ? func : "");
 }
 
 }  // namespace
