@@ -1,0 +1,56 @@
+// FuzzSupport.h - shared by the fuzz targets (not a target itself).
+//
+// The library reports bad input on std::cerr and prints listings on
+// std::cout. A fuzzing run makes millions of calls, so the targets point both
+// streams at a bounded in-memory buffer: the terminal and the run log stay
+// small, and a target can check what would have been printed.
+#pragma once
+
+#include <cstdlib>
+#include <iostream>
+#include <streambuf>
+#include <string>
+
+#include "Tolan/Assert.h"
+#include "Tolan/Debug.h"
+
+namespace TolanFuzz {
+
+// Keeps the first `limit` characters written and counts the rest.
+class CaptureBuffer : public std::streambuf {
+ public:
+  explicit CaptureBuffer(size_t limit = 1 << 16) : limit_(limit) {}
+  void clear() { text_.clear(); }
+  const std::string& text() const { return text_; }
+
+ protected:
+  int_type overflow(int_type c) override {
+    if (c != traits_type::eof() && text_.size() < limit_) text_.push_back(static_cast<char>(c));
+    return traits_type::not_eof(c);
+  }
+  std::streamsize xsputn(const char* s, std::streamsize n) override {
+    const size_t room = limit_ - std::min(limit_, text_.size());
+    text_.append(s, std::min(room, static_cast<size_t>(n)));
+    return n;
+  }
+
+ private:
+  size_t limit_;
+  std::string text_;
+};
+
+// Captures std::cout and std::cerr for the whole run, and sends trace lines
+// to `traceFile` (or, when null, to std::cerr and so into the capture).
+inline void captureStandardStreams(CaptureBuffer& out, CaptureBuffer& err, const char* traceFile) {
+  Tolan::throwOnAssertFailIs(true);
+  std::cout.rdbuf(&out);
+  std::cerr.rdbuf(&err);
+  if (traceFile) {
+    setenv("TRACEFILE", traceFile, 1);
+  } else {
+    unsetenv("TRACEFILE");
+  }
+  Tolan::Platform::setupTolanDebug("");  // (re)opens the trace file
+}
+
+}  // namespace TolanFuzz
