@@ -18,7 +18,7 @@ for target in "$build"/fuzz/*Fuzz; do
   [ -x "$target" ] || continue
   name=$(basename "$target")
   work=$(mktemp -d)
-  seeds=fuzz/corpus/$name
+  seeds=$PWD/fuzz/corpus/$name  # absolute: the target runs inside $work
   corpus=("$work")
   [ -d "$seeds" ] && corpus+=("$seeds")
   echo "fuzz: $name for ${seconds}s"
