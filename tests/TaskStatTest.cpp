@@ -31,17 +31,11 @@ class TaskStatTest : public ::testing::Test {
 };
 
 TEST_F(TaskStatTest, PrioritiesAndKeysRenderTheirNames) {
-  const char* names[] = {"absolute", "high", "normal", "low", "scavenge", "oneBeyondLast"};
-  const char letters[] = "AHNLS-";
-  for (unsigned i = 0; i <= TaskPriority::oneBeyondLast; ++i) {
-    auto p = TaskPriority::fromNumber(i);
-    EXPECT_STREQ(p.toStrep(), names[i]);
-    EXPECT_EQ(p.oneChar(), letters[i]);
-    EXPECT_EQ(p.oneCharString(), std::string(1, letters[i]));
-    EXPECT_EQ(fmt::format("{}", p), names[i]);
-  }
+  EXPECT_STREQ(TaskPriority(TaskPriority::scavenge).toStrep(), "scavenge");
+  EXPECT_EQ(TaskPriority(TaskPriority::oneBeyondLast).oneChar(), '-');
+  EXPECT_EQ(TaskPriority(TaskPriority::high).oneCharString(), "H");
+  EXPECT_EQ(fmt::format("{}", TaskPriority(TaskPriority::low)), "low");
   EXPECT_LT(TaskPriority(TaskPriority::high), TaskPriority(TaskPriority::low));
-  EXPECT_EQ(sizeof(TaskPriority), 1u);
   EXPECT_EQ(TaskKey(42).toStrep(), "@42");
   EXPECT_EQ(fmt::format("{}", TaskKey(0)), "@0");
 
@@ -78,32 +72,6 @@ TEST_F(TaskStatTest, StatusStringRanksRunningOverSuspendedOverTimer) {
                   Status(c.bits));
     EXPECT_EQ(stat.taskStatusString(), c.expected) << unsigned(c.bits);
   }
-}
-
-TEST_F(TaskStatTest, StatusSettersTouchOnlyTheirOwnBit) {
-  Status s;
-  s.taskTimerIs(true);
-  s.taskSuspendedIs(true);
-  s.taskIsTaskGroupIs(true);
-  EXPECT_EQ(s.bits(), Status::kTimer | Status::kSuspended | Status::kIsTaskGroup);
-  s.taskSuspendedIs(false);
-  s.taskOnRunQueueIs(true);
-  EXPECT_TRUE(s.taskTimer() && s.taskOnRunQueue() && s.taskIsTaskGroup());
-  EXPECT_FALSE(s.taskSuspended() || s.taskTimerRunning() || s.taskCurrentlyRunning());
-  s.taskCurrentlyRunningIs(true);
-  s.taskTimerRunningIs(true);
-  EXPECT_EQ(s.bits(), 0x2f);
-}
-
-TEST_F(TaskStatTest, DefaultRecordIsZeroAndNameless) {
-  TaskStat stat;
-  EXPECT_EQ(stat.taskName(), "");
-  EXPECT_EQ(stat.taskRunCount(), 0u);
-  EXPECT_EQ(stat.taskWorkCountHighWater(), TaskMaybeU32(0));
-  EXPECT_EQ(stat.taskTotalRunTime().count(), 0);
-  EXPECT_EQ(stat.taskCompletedCount(), 0u);
-  stat.taskNameIs(cache_->intern("named"));
-  EXPECT_EQ(stat.taskName(), "named");
 }
 
 TEST_F(TaskStatTest, MergeAddsCountsOverwritesGaugesAndKeepsMaxima) {
