@@ -138,7 +138,9 @@ class ConstStringCache {
   ConstStringCache& operator=(const ConstStringCache&) = delete;
   // Library assertion when references are still open. The elements they hold
   // are then detached from the cache, so those references stay readable and
-  // free their element when they go.
+  // free their element when they go. The destructor may throw; a class whose
+  // destructor must not (one overriding a noexcept virtual destructor) holds
+  // its cache through a unique_ptr, which turns the assertion into an abort.
   ~ConstStringCache() noexcept(false);
 
   // A counted reference to `text`, interned on first use. Allocates only
