@@ -97,10 +97,12 @@ class SummaryReporter : public benchmark::ConsoleReporter {
   void ReportRuns(const std::vector<Run>& runs) override {
     ConsoleReporter::ReportRuns(runs);
     for (const Run& run : runs) {
-      if (run.run_type != Run::RT_Iteration) continue;
+      // With repetitions the median (reported after the single runs) wins.
+      const bool median = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
+      if (run.run_type != Run::RT_Iteration && !median) continue;
       auto allocs = run.counters.find("allocs/op");
-      results_[run.benchmark_name()] = {run.GetAdjustedCPUTime(),
-                                        allocs == run.counters.end() ? -1.0 : double(allocs->second)};
+      results_[run.run_name.function_name] = {run.GetAdjustedCPUTime(),
+                                              allocs == run.counters.end() ? -1.0 : double(allocs->second)};
     }
   }
   int summarize() const {
@@ -113,7 +115,7 @@ class SummaryReporter : public benchmark::ConsoleReporter {
     const Result strCopy = get("BM_StdStringCopy");
     if (record.ns < 0 || refCopy.ns < 0) return 0;  // filtered out: nothing to judge
     const bool ok = record.ns < 10.0 && record.allocs == 0 && refCopy.allocs == 0;
-    std::printf("\nSummary:\n");
+    std::printf("\nSummary (CPU time per operation):\n");
     std::printf("  history event recorded: %.2f ns/op, %.3f allocations/op (goal: < 10 ns, 0)\n", record.ns,
                 record.allocs);
     std::printf("  ConstStringRef copied:  %.2f ns/op, %.3f allocations/op (goal: 0)\n", refCopy.ns,
