@@ -66,24 +66,23 @@ struct PendingTimeout {
   timeval expiry;
 };
 
-// Calling event_pending() from inside the walk is safe: it only reads, and
-// the base lock libevent holds during the walk is recursive.
-int collectTimeout(const event_base*, const event* ev, void* arg) {
-  timeval expiry;
-  if (event_pending(ev, EV_TIMEOUT, &expiry) & EV_TIMEOUT)
-    static_cast<std::vector<PendingTimeout>*>(arg)->push_back({const_cast<event*>(ev), expiry});
+// Only collects: event_pending() takes the base lock, which the walk holds
+// and which is not recursive.
+int collectEvent(const event_base*, const event* ev, void* arg) {
+  static_cast<std::vector<event*>*>(arg)->push_back(const_cast<event*>(ev));
   return 0;
 }
 
-int findFirst(const event_base*, const event* ev, void* arg) {
-  timeval expiry;
-  auto* first = static_cast<std::pair<bool, timeval>*>(arg);
-  if ((event_pending(ev, EV_TIMEOUT, &expiry) & EV_TIMEOUT) &&
-      (!first->first || timercmp(&expiry, &first->second, <))) {
-    first->first = true;
-    first->second = expiry;
+std::vector<PendingTimeout> pendingTimeouts(event_base* base) {
+  std::vector<event*> events;
+  event_base_foreach_event(base, &collectEvent, &events);
+  std::vector<PendingTimeout> pending;
+  pending.reserve(events.size());
+  for (event* ev : events) {
+    timeval expiry;
+    if (event_pending(ev, EV_TIMEOUT, &expiry) & EV_TIMEOUT) pending.push_back({ev, expiry});
   }
-  return 0;
+  return pending;
 }
 
 }  // namespace
@@ -91,17 +90,17 @@ int findFirst(const event_base*, const event* ev, void* arg) {
 // ---- the two functions libevent lacks ----
 
 int event_base_get_first_timeout(event_base* base, timeval* out) {
-  std::pair<bool, timeval> first{false, {0, 0}};
-  event_base_foreach_event(base, &findFirst, &first);
-  if (!first.first) return -1;
-  *out = first.second;
+  const std::vector<PendingTimeout> pending = pendingTimeouts(base);
+  if (pending.empty()) return -1;
+  *out = std::min_element(pending.begin(), pending.end(), [](const PendingTimeout& a, const PendingTimeout& b) {
+           return timercmp(&a.expiry, &b.expiry, <);
+         })->expiry;
   return 0;
 }
 
 int event_base_timeout_subtract_offset(event_base* base, const timeval* delta) {
   const timeval now = baseNow(base);
-  std::vector<PendingTimeout> pending;
-  event_base_foreach_event(base, &collectTimeout, &pending);
+  std::vector<PendingTimeout> pending = pendingTimeouts(base);
   // Timeouts already due stay as they are: they fire on the next pass anyway,
   // and some of them may be activated already, where a re-add would deliver
   // them twice.
