@@ -58,11 +58,9 @@ TaskSchedulerHistory::TaskSchedulerHistory(unsigned capacity) {
   events_.set_capacity(capacity);
 }
 
-void TaskSchedulerHistory::eventTypeFail(uint8_t value, bool taskEvent) noexcept {
+void TaskSchedulerHistory::eventTypeFail(uint8_t value) noexcept {
   if (value > static_cast<uint8_t>(TaskSchedulerEventType::lastEvent))
     Impl::taskSchedulerAssertFail("eventNeedTask", __LINE__, fmt::format("unexpected eventType={}", value));
-  // A scheduler event type given with a task.
-  (void)taskEvent;
   Impl::taskSchedulerAssertFail("Event", __LINE__, fmt::format("EventType: {}", value));
 }
 

@@ -7,9 +7,9 @@
 //
 // Recording is on the scheduler's hot path: an event copies an interned name
 // reference (one increment) and never allocates once the name is interned.
-// Intern task names in the history's own cache (stringCache()) so that the
-// names outlive nothing they depend on; a name from another cache works too,
-// but that cache must then outlive the events (or clearHistory()).
+// Intern task names in the history's own cache (stringCache()): a name from
+// another cache works too, but that cache must then outlive the events that
+// hold it (or their clearHistory()).
 //
 // Not thread-safe: one history belongs to one scheduler thread.
 #pragma once
@@ -64,7 +64,7 @@ enum class TaskSchedulerEventType : uint8_t {
 
 class TaskSchedulerHistory {
  public:
-  // One recorded event. Holds one count on its name.
+  // One recorded event, 24 bytes. Holds one count on its name.
   struct Event {
     TaskSchedulerEventType eventType = TaskSchedulerEventType::schedule;
     TaskTimePoint time;
@@ -95,8 +95,9 @@ class TaskSchedulerHistory {
     checkEventType(type, true);
     record(when, type, name);
   }
-  // Records a scheduler event under the scheduler's `name`. Types above
-  // lastEvent end the process with the C library's assertion report.
+  // Records a scheduler event under the scheduler's `name`. Any known type
+  // is accepted; types above lastEvent end the process with the C library's
+  // assertion report.
   void insertSchedulerEvent(const TaskTimePoint& when, TaskSchedulerEventType type, const ConstStringRef& name) {
     checkEventType(type, false);
     record(when, type, name);
@@ -131,9 +132,10 @@ class TaskSchedulerHistory {
  private:
   static void checkEventType(TaskSchedulerEventType type, bool taskEvent) noexcept {
     const auto last = taskEvent ? TaskSchedulerEventType::lastTaskEvent : TaskSchedulerEventType::lastEvent;
-    if (TOLAN_UNLIKELY(type > last)) eventTypeFail(static_cast<uint8_t>(type), taskEvent);
+    if (TOLAN_UNLIKELY(type > last)) eventTypeFail(static_cast<uint8_t>(type));
   }
-  [[noreturn]] TOLAN_COLD static void eventTypeFail(uint8_t value, bool taskEvent) noexcept;
+  // A value past lastEvent, or a scheduler event type given with a task.
+  [[noreturn]] TOLAN_COLD static void eventTypeFail(uint8_t value) noexcept;
   void record(const TaskTimePoint& when, TaskSchedulerEventType type, const ConstStringRef& name) {
     events_.push_front(Event{type, when, name});
   }
