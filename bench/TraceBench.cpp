@@ -8,7 +8,11 @@
 //
 // After the runs a summary prints nanoseconds per call and the ratios, and
 // checks that each file holds exactly as many lines as were written. Use
-// --benchmark_repetitions=N for stable figures (the summary then uses medians).
+// --benchmark_repetitions=N for stable figures (the summary then uses medians),
+// with --benchmark_enable_random_interleaving=true on a busy machine. Figures
+// are per CPU second of the benchmark thread (system time of write(2)
+// included), which a shared machine disturbs less than wall time.
+// TRACEFORMAT, if set, replaces our default prefix, to see what a field costs.
 #include <benchmark/benchmark.h>
 #include <spdlog/logger.h>
 #include <spdlog/sinks/basic_file_sink.h>
