@@ -18,7 +18,6 @@
 
 using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
-using ::testing::StartsWith;
 
 namespace {
 
@@ -157,16 +156,15 @@ TEST(Backtrace, PrettyOfAnEmptyBacktrace) {
 }
 
 TEST(Backtrace, VerbosityIsOneUnlessExactlyZero) {
-  const char* saved = getenv("TOLAN_BACKTRACE_VERBOSITY");
-  const std::string savedValue = saved ? saved : "";
-  unsetenv("TOLAN_BACKTRACE_VERBOSITY");
-  EXPECT_EQ(Tolan::Backtrace::verbosity(), 1);
-  for (const char* value : {"0", "1", "", "00", "0 ", "off"}) {
+  // Death tests elsewhere cover unset and "0"; near misses count as on.
+  const char* outer = getenv("TOLAN_BACKTRACE_VERBOSITY");
+  const std::string saved = outer ? outer : "";
+  for (const char* value : {"0", "00", "0 ", "", "off"}) {
     setenv("TOLAN_BACKTRACE_VERBOSITY", value, 1);
     EXPECT_EQ(Tolan::Backtrace::verbosity(), std::string(value) == "0" ? 0 : 1) << "'" << value << "'";
   }
-  if (saved) {
-    setenv("TOLAN_BACKTRACE_VERBOSITY", savedValue.c_str(), 1);
+  if (outer) {
+    setenv("TOLAN_BACKTRACE_VERBOSITY", saved.c_str(), 1);
   } else {
     unsetenv("TOLAN_BACKTRACE_VERBOSITY");
   }

@@ -93,15 +93,6 @@ TEST(Exception, CaptureFlagDecidesWhetherTheStackIsTaken) {
   EXPECT_GT(with.backtrace().frameCount(), 0u);
 }
 
-TEST(Exception, CopiesKeepMessageAndStack) {
-  const Tolan::InvalidSizeException original("too big");
-  const Tolan::InvalidSizeException copy(original);
-  EXPECT_EQ(copy.msg(), original.msg());
-  ASSERT_EQ(copy.backtrace().frameCount(), original.backtrace().frameCount());
-  EXPECT_EQ(copy.backtrace().frames()[0], original.backtrace().frames()[0]);
-  EXPECT_STREQ(copy.what(), original.what());
-}
-
 // ---------------------------------------------------------------------------
 // The library assertion, throwing
 
