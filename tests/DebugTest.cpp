@@ -335,6 +335,23 @@ TEST_F(DebugTest, TraceArgumentsAreEvaluatedOnlyWhenTheLevelIsOn) {
   EXPECT_EQ(countOf(err, "\n"), 5);
 }
 
+TEST_F(DebugTest, RegistryRequiresTheGlobalLock) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  // Unrecoverable: the process ends through the C library's assertion report.
+  EXPECT_DEATH(DebugControl::findWildcard("NoLoco"), "DebugControl::findWildcard\\(\\) no loco");
+  EXPECT_DEATH(DebugControl::initialize(), "DebugControl::initialize\\(\\) no loco");
+  EXPECT_DEATH(DebugControl("NoLoco", 1, false), "DebugControl::DebugControl\\(\\) no loco");
+  EXPECT_DEATH(Tolan::Orn::DebugHandler("NoLoco", 1, false), "DebugHandler::DebugHandler\\(\\) no loco");
+  // The handler registry's own check is a library assertion.
+  testing::internal::CaptureStderr();
+  EXPECT_THROW(Tolan::Orn::DebugHandler::initialize(), Tolan::AssertException);
+  EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr("no loco"));
+  {
+    Tolan::Platform::LocoGuard guard;
+    EXPECT_EQ(DebugControl::findWildcard("NoLocoAtAll"), nullptr);
+  }
+}
+
 // ---------------------------------------------------------------------------
 // The rules applied at library load, seen from a child process.
 
