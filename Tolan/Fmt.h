@@ -16,6 +16,7 @@
 #include <sys/time.h>
 #include <time.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <string>

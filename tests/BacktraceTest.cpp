@@ -4,6 +4,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cmath>
@@ -119,6 +121,15 @@ TEST(Backtrace, TidIsThatOfTheCapturingThread) {
   }).join();
   EXPECT_EQ(capturedTid, otherTid);
   EXPECT_NE(capturedTid, Tolan::gettid());
+
+  // A forked child is a new thread too, though it was the same one a moment ago.
+  ASSERT_EQ(Tolan::Backtrace(true).tid(), Tolan::gettid());
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) _exit(Tolan::Backtrace(true).tid() == getpid() ? 0 : 1);
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "child saw its parent's tid";
 }
 
 TEST(Backtrace, PrettyNamesObjectSymbolOffsetAndAddress) {
