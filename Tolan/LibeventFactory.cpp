@@ -49,11 +49,18 @@ inline event_base* threadBase() {
 
 const void* vp(const void* p) { return p; }
 
+// The "TolanLibevent" handle without a call into the exported accessor on
+// every trace site of the hot paths.
+inline Platform::DebugHandler& dbg() noexcept {
+  static Platform::DebugHandler* const handle = &Impl::leDebug();
+  return *handle;
+}
+
 TOLAN_COLD void parkException(std::exception_ptr e) {
   if (pendingException) {
     // The loop is already on its way out with an earlier exception; the
     // caller can only receive one.
-    TOLAN_TRACE(Impl::leDebug(), 1, "Dropping a second handler exception while one is pending");
+    TOLAN_TRACE(dbg(), 1, "Dropping a second handler exception while one is pending");
     return;
   }
   pendingException = std::move(e);
@@ -75,7 +82,7 @@ inline void deliver(Notify&& notify, Handle&& handle, const char* handledMsg) no
       return;
     }
     if (swallowed) {
-      if (handledMsg) TOLAN_TRACE(Impl::leDebug(), 9, "{}", handledMsg);
+      if (handledMsg) TOLAN_TRACE(dbg(), 9, "{}", handledMsg);
       return;
     }
     parkException(std::current_exception());
@@ -101,7 +108,7 @@ class LibeventTimerControl : public Platform::TimerControl {
   void setTimeout(double seconds) override {
     const timeval tv = Impl::toTimeval(seconds);
     delTimeout();
-    TOLAN_TRACE(Impl::leDebug(), 9, "Timer {} set timeout {}", vp(this), seconds);
+    TOLAN_TRACE(dbg(), 9, "Timer {} set timeout {}", vp(this), seconds);
     event_base* base = threadBase();
     // Re-assigning binds the event to the arming thread's base; when it is
     // bound there already, assigning again would change nothing.
@@ -116,7 +123,7 @@ class LibeventTimerControl : public Platform::TimerControl {
   }
 
   void delTimeout() override {
-    TOLAN_TRACE(Impl::leDebug(), 9, "Timer {} del timeout", vp(this));
+    TOLAN_TRACE(dbg(), 9, "Timer {} del timeout", vp(this));
     // armed_ mirrors "pending or activated, not yet delivered"; skipping the
     // no-op delete saves a lock round trip in libevent.
     if (!armed_) return;
@@ -143,7 +150,7 @@ class LibeventTimerControl : public Platform::TimerControl {
   static void handleTimeout(evutil_socket_t, short, void* arg) {
     auto* self = static_cast<LibeventTimerControl*>(arg);
     self->armed_ = false;  // libevent has removed a one-shot event before calling us
-    TOLAN_TRACE(Impl::leDebug(), 9, "Timer {} expired", vp(self));
+    TOLAN_TRACE(dbg(), 9, "Timer {} expired", vp(self));
     Platform::TimeoutHandler* h = self->handler_;  // self may be gone after timeout()
     deliver([h] { h->timeout(); }, [h] { return h->handleTimeoutException(); },
             "Timeout notification exception was handled");
@@ -168,18 +175,18 @@ class LibeventCallbackControl : public Platform::CallbackControl,
   ~LibeventCallbackControl() override { cancelCallback(); }
 
   void requestCallback() override {
-    TOLAN_TRACE(Impl::leDebug(), 9, "Callback {} request", vp(this));
+    TOLAN_TRACE(dbg(), 9, "Callback {} request", vp(this));
     setTimeout(0.0);
   }
   void cancelCallback() override {
-    TOLAN_TRACE(Impl::leDebug(), 9, "Callback {} cancel", vp(this));
+    TOLAN_TRACE(dbg(), 9, "Callback {} cancel", vp(this));
     delTimeout();
   }
   bool pendingCallback() const override { return armed(); }
 
  private:
   void timeout() override {
-    TOLAN_TRACE(Impl::leDebug(), 9, "Callback {} execute", vp(this));
+    TOLAN_TRACE(dbg(), 9, "Callback {} execute", vp(this));
     Platform::CallbackHandler* h = handler_;
     deliver([h] { h->callback(); }, [h] { return h->handleCallbackException(); },
             "Callback notification exception was handled");
@@ -284,7 +291,7 @@ class LibeventFdControl : public Platform::FdControl {
 class EvLoopBreak {
  public:
   EvLoopBreak(event_base* base, const timeval& tv, double seconds) {
-    TOLAN_TRACE_C(Impl::leDebug(), 8, EvLoopBreak, "{} timeout {}", vp(&ev_), seconds);
+    TOLAN_TRACE_C(dbg(), 8, EvLoopBreak, "{} timeout {}", vp(&ev_), seconds);
     event_assign(&ev_, base, -1, 0, &handleBaseLoopBreak, &ev_);
     eventPrioritySet(&ev_, eventPriorityDefault);
     const int rc = event_add(&ev_, &tv);
@@ -292,7 +299,7 @@ class EvLoopBreak {
   }
   // noexcept: a failure here ends the process.
   ~EvLoopBreak() noexcept {
-    TOLAN_TRACE_C(Impl::leDebug(), 9, EvLoopBreak, "{}", vp(&ev_));
+    TOLAN_TRACE_C(dbg(), 9, EvLoopBreak, "{}", vp(&ev_));
     const int rc = event_del(&ev_);
     TOLAN_ASSERT_C(rc == 0, EvLoopBreak, "Failed to delete loop break {} rc {}", vp(&ev_), rc);
     event_debug_unassign(&ev_);
@@ -301,7 +308,7 @@ class EvLoopBreak {
   EvLoopBreak& operator=(const EvLoopBreak&) = delete;
 
   static void handleBaseLoopBreak(evutil_socket_t, short, void* arg) {
-    TOLAN_TRACE_C(Impl::leDebug(), 8, EvLoopBreak, "{}", arg);
+    TOLAN_TRACE_C(dbg(), 8, EvLoopBreak, "{}", arg);
     event_base_loopbreak(threadBase());
     event_del(static_cast<event*>(arg));
   }
@@ -379,7 +386,7 @@ void setMainThread() noexcept { mainThread = isMainThread(); }
 bool leMainThread() noexcept { return mainThread; }
 
 void eventPrioritySet(event* ev, EventPriority p) {
-  TOLAN_TRACE(Impl::leDebug(), 9, "Setting priority of {} to {}", vp(ev), p);
+  TOLAN_TRACE(dbg(), 9, "Setting priority of {} to {}", vp(ev), p);
   const int rc = event_priority_set(ev, static_cast<int>(p));
   TOLAN_ASSERT(rc == 0, "Failed to set priority on {} to {} rc {}", vp(ev), p, rc);
 }
@@ -443,7 +450,7 @@ void runLoopWithBreak(event_base* base, const timeval& tv, double seconds) {
 }  // namespace Impl
 
 void eventLoopTimeout(double timeout) {
-  TOLAN_TRACE(Impl::leDebug(), 5, "timeout {}", timeout);
+  TOLAN_TRACE(dbg(), 5, "timeout {}", timeout);
   const timeval tv = Impl::toTimeval(timeout);
   Impl::runLoopWithBreak(leInit(), tv, timeout);
 }
@@ -458,7 +465,7 @@ int doLeEventLoop() {
 }
 
 void doLeEventLoop(double maxTimeout) {
-  TOLAN_TRACE(Impl::leDebug(), 5, "timeout {}", maxTimeout);
+  TOLAN_TRACE(dbg(), 5, "timeout {}", maxTimeout);
   leInit();
   if (!leFastForward()) {
     eventLoopTimeout(maxTimeout);
@@ -474,7 +481,7 @@ void doLeEventLoop(double maxTimeout) {
 }
 
 void doLeEventLoopInWaitfor(double maxTimeout) {
-  TOLAN_TRACE(Impl::leDebug(), 5, "maxTimeout {}", maxTimeout);
+  TOLAN_TRACE(dbg(), 5, "maxTimeout {}", maxTimeout);
   leInit();
   if (leFastForward()) {
     eventLoopFastForwardToFirstTimer(maxTimeout);
@@ -488,16 +495,16 @@ void doLeEventLoopInWaitfor(double maxTimeout) {
 void le_debug_cb(int severity, const char* msg) {
   switch (severity) {
     case EVENT_LOG_DEBUG:
-      TOLAN_TRACE(Impl::leDebug(), 9, "{}", msg);
+      TOLAN_TRACE(dbg(), 9, "{}", msg);
       break;
     case EVENT_LOG_MSG:
-      TOLAN_TRACE(Impl::leDebug(), 5, "{}", msg);
+      TOLAN_TRACE(dbg(), 5, "{}", msg);
       break;
     case EVENT_LOG_WARN:
-      TOLAN_TRACE(Impl::leDebug(), 1, "{}", msg);
+      TOLAN_TRACE(dbg(), 1, "{}", msg);
       break;
     case EVENT_LOG_ERR:
-      TOLAN_TRACE(Impl::leDebug(), 0, "{}", msg);
+      TOLAN_TRACE(dbg(), 0, "{}", msg);
       break;
     default:
       TOLAN_FAIL("invalid libevent severity:{} msg:{}", severity, msg ? msg : "");
