@@ -241,6 +241,10 @@ TEST_F(TraceChildTest, UnopenableTraceFileFallsBackToStandardError) {
   const auto missing = probe({"trace Tolan 1 x"}).env("TRACEFILE", dir_ + "/no/such/dir/f").env("TRACEFORMAT", "").run();
   EXPECT_EQ(missing.err, "Error opening TRACEFILE=" + dir_ +
                              "/no/such/dir/f\nDefaulting to std::cerr for trace output.\nx\n");
+
+  // Set but empty names no file either.
+  const auto empty = probe({"trace Tolan 1 y"}).env("TRACEFILE", "").env("TRACEFORMAT", "").run();
+  EXPECT_EQ(empty.err, "Error opening TRACEFILE=\nDefaulting to std::cerr for trace output.\ny\n");
 }
 
 TEST_F(TraceChildTest, TraceFileIsReconsideredBySetup) {

@@ -12,7 +12,8 @@
 //   EXPECT_TRUE(r.exitedWith(0)) << r.describe();
 //   EXPECT_THAT(r.out, HasSubstr("Foo*/2"));
 //
-// Standard output and standard error are captured separately and in full.
+// Standard output and standard error are captured separately and in full;
+// standard input is /dev/null.
 // A child that outlives its time limit is killed with SIGKILL and reported as
 // timed out. run() may be called from any thread; it blocks until the child
 // has been reaped.
