@@ -14,6 +14,7 @@
 #include "Tolan/Debug.h"
 #include "Tolan/DirNode.h"
 #include "Tolan/Errno.h"
+#include "Tolan/Exception.h"
 #include "Tolan/UtilFile.h"
 
 namespace Tolan {
@@ -63,11 +64,17 @@ pid_t forEachProcessFd(Platform::DebugHandler& handler, Visit visit) {
     }
     const String fdDir = fmt::format("/proc/{}/fd", pid);
     DirNode fds(handler, fdDir);
-    while (struct dirent* fdEntry = fds.readEntry()) {
-      if (fdEntry->d_name[0] == '.') continue;
-      if (visit(static_cast<pid_t>(pid), fdDir + "/" + fdEntry->d_name, String(fdEntry->d_name))) {
-        return static_cast<pid_t>(pid);
+    try {
+      while (struct dirent* fdEntry = fds.readEntry()) {
+        if (fdEntry->d_name[0] == '.') continue;
+        if (visit(static_cast<pid_t>(pid), fdDir + "/" + fdEntry->d_name, String(fdEntry->d_name))) {
+          return static_cast<pid_t>(pid);
+        }
       }
+    } catch (const RuntimeException&) {
+      // The process exited while we read its descriptors: the kernel ends
+      // the listing with an error rather than a short read. Not ours to report.
+      TOLAN_TRACE_C(handler, 5, Tolan::Util, "pid:{} went away while its descriptors were read", pid);
     }
   }
   return kNoPid;
