@@ -1,7 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -13,6 +12,7 @@
 #include "Tolan/Exception.h"
 #include "Tolan/FileLock.h"
 #include "Tolan/Util.h"
+#include "support/ForkedChild.h"
 
 using ::testing::HasSubstr;
 using Tolan::FileLock;
@@ -32,59 +32,8 @@ class FileLockTest : public ::testing::Test {
   }
   void TearDown() override { std::filesystem::remove_all(root_); }
 
-  // Runs `body` in a forked child; returns its exit status (or 128+signal).
-  template <typename Body>
-  static int inChild(Body body) {
-    const pid_t pid = fork();
-    if (pid == 0) _exit(body());
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  }
-
   std::string root_;
   std::shared_ptr<Tolan::Platform::DebugHandler> handler_;
-};
-
-// A child process that takes the lock, reports, and holds it until told to go.
-class LockHolder {
- public:
-  LockHolder(Tolan::Platform::DebugHandler& handler, const std::string& dir, const std::string& name) {
-    int ready[2], release[2];
-    if (pipe(ready) != 0 || pipe(release) != 0) std::abort();
-    pid_ = fork();
-    if (pid_ == 0) {
-      close(ready[0]);
-      close(release[1]);
-      FileLock lock(handler, dir, name);
-      const char ok = lock.lock(false) ? 'y' : 'n';
-      if (write(ready[1], &ok, 1) != 1) _exit(3);
-      char c;
-      (void)!read(release[0], &c, 1);  // returns when the parent closes its end
-      _exit(0);
-    }
-    close(ready[1]);
-    close(release[0]);
-    releaseFd_ = release[1];
-    char ok = 'n';
-    locked_ = read(ready[0], &ok, 1) == 1 && ok == 'y';
-    close(ready[0]);
-  }
-  ~LockHolder() { stop(); }
-  void stop() {
-    if (releaseFd_ < 0) return;
-    close(releaseFd_);
-    releaseFd_ = -1;
-    int status = 0;
-    waitpid(pid_, &status, 0);
-  }
-  pid_t pid() const { return pid_; }
-  bool locked() const { return locked_; }
-
- private:
-  pid_t pid_ = -1;
-  int releaseFd_ = -1;
-  bool locked_ = false;
 };
 
 }  // namespace
@@ -188,13 +137,14 @@ TEST_F(FileLockTest, UnopenableFileAndUnmakeableDirectory) {
 }
 
 TEST_F(FileLockTest, ExcludesOtherProcessesUntilTheyLetGo) {
-  LockHolder holder(*handler_, root_, "shared");
-  ASSERT_TRUE(holder.locked());
+  // The child's lock lives until the child exits (it is never destroyed there).
+  Tolan::Test::ForkedChild holder([&] { return (new FileLock(*handler_, root_, "shared"))->lock(false) ? 'y' : 'n'; });
+  ASSERT_EQ(holder.report(), 'y');
   FileLock mine(*handler_, root_, "shared");
   EXPECT_FALSE(mine.lock(false));
   EXPECT_FALSE(mine.lock(true));  // re-entry is per owner, not per path
   EXPECT_EQ(Tolan::Util::readLockPid(*handler_, mine.file()), holder.pid());
-  holder.stop();  // the holder exits: its descriptor closes
+  holder.finish();  // the holder exits: its descriptor closes
   EXPECT_TRUE(mine.lock(false));
   EXPECT_EQ(Tolan::Util::readLockPid(*handler_, mine.file()), getpid());
 }
@@ -203,7 +153,7 @@ TEST_F(FileLockTest, ForkedChildCannotReleaseTheParentsLock) {
   FileLock lock(*handler_, root_, "l");
   ASSERT_TRUE(lock.lock(false));
   const pid_t parent = getpid();
-  const int status = inChild([&] {
+  const int status = Tolan::Test::exitStatusInChild([&] {
     try {
       lock.release();
       return 1;

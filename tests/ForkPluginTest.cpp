@@ -1,7 +1,5 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include "Tolan/Assert.h"
 #include "Tolan/CheckIncompat.h"
@@ -10,20 +8,11 @@
 #include "Tolan/ForkHandler.h"
 #include "Tolan/Plugin.h"
 #include "support/ChildProcess.h"
+#include "support/ForkedChild.h"
 
 using ::testing::HasSubstr;
 
 namespace {
-
-// Exit status of a forked child that ran `body` and exited with its result.
-template <typename Body>
-int inForkedChild(Body body) {
-  const pid_t pid = fork();
-  if (pid == 0) _exit(body());
-  int status = 0;
-  waitpid(pid, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
 
 class PluginTest : public ::testing::Test {
  protected:
@@ -47,12 +36,12 @@ class NamedPlugin : public Tolan::Platform::Plugin {
 
 TEST(ForkHandler, ChildSeesFlagParentDoesNot) {
   Tolan::Platform::forkedChildIs(false);
-  EXPECT_EQ(inForkedChild([] { return Tolan::Platform::isForkedChild() ? 0 : 1; }), 0);
+  EXPECT_EQ(Tolan::Test::exitStatusInChild([] { return Tolan::Platform::isForkedChild() ? 0 : 1; }), 0);
   EXPECT_FALSE(Tolan::Platform::isForkedChild());
 
   // A second registration must not break the flag (nor double anything visible).
   Tolan::Platform::setupHandler();
-  EXPECT_EQ(inForkedChild([] { return Tolan::Platform::isForkedChild() ? 0 : 1; }), 0);
+  EXPECT_EQ(Tolan::Test::exitStatusInChild([] { return Tolan::Platform::isForkedChild() ? 0 : 1; }), 0);
 
   Tolan::Platform::forkedChildIs(true);
   EXPECT_TRUE(Tolan::Platform::isForkedChild());

@@ -6,7 +6,6 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cmath>
@@ -23,69 +22,19 @@
 #include "Tolan/Exception.h"
 #include "Tolan/Mappings.h"
 #include "Tolan/Util.h"
+#include "support/ForkedChild.h"
 
 using ::testing::HasSubstr;
 using ::testing::Not;
+
+using Tolan::Test::exitedPid;
+using Tolan::Test::ForkedChild;
 
 namespace {
 
 std::shared_ptr<Tolan::Platform::DebugHandler> testHandler() {
   static auto h = Tolan::Platform::getDebugHandler("UtilTest");
   return h;
-}
-
-// A forked child that runs `setup` (its result is sent to the parent), then
-// waits until the parent is done with it. The parent's reading end is
-// close-on-exec-free; setup may exec, in which case the pipe closing on exec
-// tells the parent it happened.
-class Child {
- public:
-  explicit Child(const std::function<char()>& setup) {
-    int ready[2], done[2];
-    if (pipe2(ready, O_CLOEXEC) != 0 || pipe(done) != 0) std::abort();
-    pid_ = fork();
-    if (pid_ == 0) {
-      close(ready[0]);
-      close(done[1]);
-      const char c = setup();
-      if (write(ready[1], &c, 1) != 1) _exit(3);
-      char x;
-      (void)!read(done[0], &x, 1);
-      _exit(0);
-    }
-    close(ready[1]);
-    close(done[0]);
-    doneFd_ = done[1];
-    if (read(ready[0], &report_, 1) != 1) report_ = 0;  // 0: exec'd (or died)
-    close(ready[0]);
-  }
-  ~Child() { finish(); }
-  // Lets the child go and reaps it; returns its exit status.
-  int finish() {
-    if (doneFd_ >= 0) {
-      close(doneFd_);
-      doneFd_ = -1;
-      kill(pid_, SIGTERM);  // for an exec'd child that does not read the pipe
-      waitpid(pid_, &status_, 0);
-    }
-    return status_;
-  }
-  pid_t pid() const { return pid_; }
-  char report() const { return report_; }
-
- private:
-  pid_t pid_ = -1;
-  int doneFd_ = -1;
-  int status_ = 0;
-  char report_ = 0;
-};
-
-// A pid that certainly names no process: a child that has been reaped.
-pid_t exitedPid() {
-  const pid_t pid = fork();
-  if (pid == 0) _exit(0);
-  waitpid(pid, nullptr, 0);
-  return pid;
 }
 
 class TempDir {
@@ -161,7 +110,7 @@ TEST(UtilFile, TouchSizeReadAndRemove) {
 
 TEST(UtilProc, TitleAndStartTimeOfAProcessWithAnAwkwardName) {
   // The command name holds ") " twice, so only the last ")" ends it.
-  Child child([] { return prctl(PR_SET_NAME, "ut) x) y", 0, 0, 0) == 0 ? 'y' : 'n'; });
+  ForkedChild child([] { return prctl(PR_SET_NAME, "ut) x) y", 0, 0, 0) == 0 ? 'y' : 'n'; });
   ASSERT_EQ(child.report(), 'y');
   std::string title;
   const std::string traced =
@@ -224,7 +173,7 @@ TEST(UtilProc, StartTimeParserHandlesNamesAndRefusesShortLines) {
 }
 
 TEST(UtilProc, CmdlineIsTheRawArgumentList) {
-  Child child([] {
+  ForkedChild child([] {
     execl("/bin/sleep", "sleep", "30", "0", static_cast<char*>(nullptr));
     return 'n';
   });
@@ -236,7 +185,7 @@ TEST(UtilProc, CmdlineIsTheRawArgumentList) {
 TEST(UtilProc, SocketOwnerIsTheProcessHoldingIt) {
   TempDir tmp;
   const std::string path = tmp.path() + "/sock";
-  Child child([&] {
+  ForkedChild child([&] {
     const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
     sockaddr_un addr{};
     addr.sun_family = AF_UNIX;
@@ -258,7 +207,7 @@ TEST(UtilProc, SocketOwnerIsTheProcessHoldingIt) {
 
 TEST(UtilProc, IncludeShmemInCoreSetsTheSharedFileBit) {
   // Done in a child, whose filter we may change freely.
-  Child child([] {
+  ForkedChild child([] {
     const std::string file = "/proc/" + std::to_string(getpid()) + "/coredump_filter";
     if (!(std::ofstream(file) << "0x33")) return 'w';
     if (!Tolan::Util::includeShmemInCore()) return 'f';
