@@ -5,7 +5,8 @@
 // before the message for TOLAN_ASSERT_C), traces it at level 0 on
 // TOLAN_DEFAULT_HANDLE whether or not level 0 is enabled, and then either
 // throws Tolan::AssertException (after Tolan::throwOnAssertFailIs(true)) or
-// writes "Tolan::Assert aborting because: <message>" and ends the process.
+// writes "Tolan::Assert aborting because: <message>" and ends the process
+// through std::terminate() (whose handler adds the stack, see Exception.h).
 //
 // Cost on the passing path: the condition and one predicted branch. The
 // arguments are evaluated and the message is built only on failure, in a cold
