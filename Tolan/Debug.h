@@ -240,9 +240,10 @@ extern Tolan::Platform::DebugHandler* TOLAN_DEFAULT_HANDLE;
 #define TOLAN_TRACE_IMPL_(handler, level, withClass, className, ...)                                  \
   do {                                                                                                \
     const auto& tolanTraceHandler_ = (handler);                                                       \
-    if (TOLAN_UNLIKELY(::Tolan::Impl::traceOn(tolanTraceHandler_, (level))))                          \
-      ::Tolan::Impl::trace(::Tolan::Impl::traceTarget(tolanTraceHandler_), (level), __FILE__, withClass, \
-                           __func__, className, __LINE__, __VA_ARGS__);                               \
+    const unsigned tolanTraceLevel_ = (level);                                                        \
+    if (TOLAN_UNLIKELY(::Tolan::Impl::traceOn(tolanTraceHandler_, tolanTraceLevel_)))                 \
+      ::Tolan::Impl::trace(::Tolan::Impl::traceTarget(tolanTraceHandler_), tolanTraceLevel_, __FILE__,   \
+                           withClass, __func__, className, __LINE__, __VA_ARGS__);                    \
   } while (0)
 
 // Traces a message at `level` on `handler` when that level is enabled.

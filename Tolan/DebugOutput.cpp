@@ -100,7 +100,7 @@ void appendPrefix(LineBuffer& out, unsigned level, const void* handle, const cha
     }
   }
   if (show(kPid)) appendNumber(out, getpid());
-  if (show(kTid)) appendNumber(out, gettid());
+  if (show(kTid)) appendNumber(out, cachedGettid());
   if (show(kHandle)) {
     const auto* named = dynamic_cast<const Orn::DebugHandler*>(static_cast<const Platform::DebugHandler*>(handle));
     if (named) out.append(named->name().data(), named->name().data() + named->name().size());

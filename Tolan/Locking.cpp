@@ -23,7 +23,15 @@ pthread_t self() noexcept { return threadsActive() ? pthread_self() : kNoThreads
 
 }  // namespace
 
-Lock::Lock() noexcept { pthread_mutex_init(&mutex_, nullptr); }
+// Error-checking, so that a thread locking a Lock it already holds gets
+// EDEADLK (thrown as std::system_error) instead of hanging for ever.
+Lock::Lock() noexcept {
+  pthread_mutexattr_t attr;
+  pthread_mutexattr_init(&attr);
+  pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_ERRORCHECK);
+  pthread_mutex_init(&mutex_, &attr);
+  pthread_mutexattr_destroy(&attr);
+}
 
 Lock::~Lock() { pthread_mutex_destroy(&mutex_); }
 

@@ -25,7 +25,8 @@ class Lock {
   Lock& operator=(const Lock&) = delete;
 
   // Blocks until the lock is held. A pthread failure is thrown as
-  // std::system_error carrying its error number.
+  // std::system_error carrying its error number; so is locking a Lock the
+  // caller already holds (EDEADLK), which would otherwise hang.
   void lock();
   // Takes the lock if it is free; returns false (never throws) otherwise.
   bool try_lock() noexcept;

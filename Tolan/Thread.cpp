@@ -18,9 +18,23 @@ thread_local char tlsThreadName[kThreadNameSize];
 thread_local bool tlsUseThreadLocalSingletons = false;
 thread_local bool tlsSingletonLookedUp = false;
 
+// 0 until first asked. A forked child starts with its parent thread's value,
+// so fork() resets it in the child (whose only thread is the one that forked).
+thread_local pid_t tlsTid = 0;
+void forgetTidInChild() { tlsTid = 0; }
+
 }  // namespace
 
 pid_t gettid() noexcept { return static_cast<pid_t>(syscall(SYS_gettid)); }
+
+pid_t cachedGettid() noexcept {
+  if (TOLAN_UNLIKELY(tlsTid == 0)) {
+    static const int registered = pthread_atfork(nullptr, nullptr, forgetTidInChild);
+    (void)registered;
+    tlsTid = gettid();
+  }
+  return tlsTid;
+}
 
 bool isMainThread() noexcept { return gettid() == getpid(); }
 

@@ -12,6 +12,10 @@ namespace Tolan {
 // Kernel thread id of the calling thread.
 pid_t gettid() noexcept;
 
+// gettid() remembered per thread: one thread-local load after the first call
+// (and again after fork(), in the child). For hot paths such as trace lines.
+pid_t cachedGettid() noexcept;
+
 // True on the thread whose kernel thread id equals the process id.
 bool isMainThread() noexcept;
 

@@ -7,6 +7,7 @@
 #include <functional>
 #include <mutex>
 #include <string>
+#include <system_error>
 #include <thread>
 
 #include "Tolan/Assert.h"
@@ -81,6 +82,21 @@ TEST_F(LockingTest, LockTracksItsOwner) {
   });
   EXPECT_TRUE(lock.try_lock());
   lock.unlock();
+}
+
+TEST_F(LockingTest, RelockingByTheOwnerThrowsInsteadOfHanging) {
+  Lock lock;
+  lock.lock();
+  try {
+    lock.lock();
+    ADD_FAILURE() << "second lock() returned";
+  } catch (const std::system_error& e) {
+    EXPECT_EQ(e.code().value(), EDEADLK);
+  }
+  EXPECT_FALSE(lock.try_lock());
+  EXPECT_TRUE(lock.owns_lock());
+  lock.unlock();
+  EXPECT_FALSE(lock.owns_lock());
 }
 
 TEST_F(LockingTest, UnlockByNonOwnerNamesBothThreads) {

@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <exception>
@@ -68,6 +69,22 @@ TEST_F(ThreadTest, IdentityOfMainAndOtherThreads) {
   EXPECT_NE(a, b);
   // A real kernel thread id of this process, not some other number.
   onNewThread([] { EXPECT_FALSE(commOf(Tolan::gettid()).empty()); });
+}
+
+TEST_F(ThreadTest, CachedThreadIdFollowsThreadsAndFork) {
+  EXPECT_EQ(Tolan::cachedGettid(), Tolan::gettid());
+  onNewThread([] {
+    EXPECT_EQ(Tolan::cachedGettid(), Tolan::gettid());
+    EXPECT_NE(Tolan::cachedGettid(), getpid());
+  });
+  // The child inherits the parent's cached value; it must not keep it.
+  const pid_t parentTid = Tolan::cachedGettid();
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) _exit(Tolan::cachedGettid() == getpid() && Tolan::cachedGettid() != parentTid ? 0 : 1);
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
 }
 
 TEST_F(ThreadTest, NamesUpToFifteenCharacters) {
