@@ -53,7 +53,7 @@ bool FileLock::lock(bool allowReentry) {
 
   // Every user of the lock must be able to open the file, whoever made it.
   const mode_t oldMask = ::umask(0);
-  const int fd = ::open(file_.c_str(), O_RDWR | O_CREAT, 0666);
+  const int fd = ::open(file_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
   const int openErr = errno;
   ::umask(oldMask);
   if (fd < 0) {
@@ -73,8 +73,8 @@ bool FileLock::lock(bool allowReentry) {
     TOLAN_FAIL_C(FileLock, "unexpected error: {} file:{}", Tolan::strerror(err), file_);
   }
 
-  // Not O_CLOEXEC at open, to keep the order of steps (and their failures)
-  // as documented; nothing can exec between open and here on this thread.
+  // Already set by O_CLOEXEC (which leaves no window for another thread's
+  // fork and exec); set again in case the open flag was ignored.
   if (::fcntl(fd, F_SETFD, FD_CLOEXEC) != 0) {
     const int err = errno;
     ::close(fd);
