@@ -38,7 +38,9 @@ using Platform::eventPriorityDefault;
 
 namespace {
 
-thread_local event_base* ev_base = nullptr;
+// Initial-exec: read on every arming, and this avoids a __tls_get_addr call.
+// One pointer fits the static TLS reserve even when the library is dlopen()ed.
+thread_local event_base* ev_base __attribute__((tls_model("initial-exec"))) = nullptr;
 thread_local bool mainThread = false;
 thread_local std::exception_ptr pendingException;
 
@@ -48,6 +50,15 @@ inline event_base* threadBase() {
 }
 
 const void* vp(const void* p) { return p; }
+
+// Impl::toTimeval for the hot paths, without a call through the PLT.
+inline timeval toTv(double seconds) {
+  if (TOLAN_UNLIKELY(!(seconds >= 0.0 && seconds <= Platform::kMaxTimeoutSeconds))) return Impl::toTimeval(seconds);
+  timeval tv;
+  tv.tv_sec = static_cast<time_t>(seconds);
+  tv.tv_usec = static_cast<suseconds_t>((seconds - static_cast<double>(tv.tv_sec)) * 1e6);
+  return tv;
+}
 
 // The "TolanLibevent" handle without a call into the exported accessor on
 // every trace site of the hot paths.
@@ -106,8 +117,8 @@ class LibeventTimerControl : public Platform::TimerControl {
   }
 
   void setTimeout(double seconds) override {
-    const timeval tv = Impl::toTimeval(seconds);
-    delTimeout();
+    const timeval tv = toTv(seconds);
+    disarm();
     TOLAN_TRACE(dbg(), 9, "Timer {} set timeout {}", vp(this), seconds);
     event_base* base = threadBase();
     // Re-assigning binds the event to the arming thread's base; when it is
@@ -122,7 +133,10 @@ class LibeventTimerControl : public Platform::TimerControl {
     armed_ = true;
   }
 
-  void delTimeout() override {
+  void delTimeout() override { disarm(); }
+
+  // Not virtual: setTimeout uses it on every arming.
+  void disarm() {
     TOLAN_TRACE(dbg(), 9, "Timer {} del timeout", vp(this));
     // armed_ mirrors "pending or activated, not yet delivered"; skipping the
     // no-op delete saves a lock round trip in libevent.
@@ -176,11 +190,11 @@ class LibeventCallbackControl : public Platform::CallbackControl,
 
   void requestCallback() override {
     TOLAN_TRACE(dbg(), 9, "Callback {} request", vp(this));
-    setTimeout(0.0);
+    LibeventTimerControl::setTimeout(0.0);
   }
   void cancelCallback() override {
     TOLAN_TRACE(dbg(), 9, "Callback {} cancel", vp(this));
-    delTimeout();
+    disarm();
   }
   bool pendingCallback() const override { return armed(); }
 
