@@ -23,9 +23,8 @@ constexpr int stateBit(TimerWheelState s) noexcept { return kNotLinkedBit << s; 
 // One channel for all wheels; created on first use and kept for the life of
 // the process, so that wheels released at exit can still trace.
 Platform::DebugHandler& wheelDebug() {
-  static Platform::DebugHandler* handler =
-      (new std::shared_ptr<Platform::DebugHandler>(Platform::getDebugHandler("TimerWheel")))->get();
-  return *handler;
+  static const auto* handler = new std::shared_ptr<Platform::DebugHandler>(Platform::getDebugHandler("TimerWheel"));
+  return **handler;
 }
 
 inline timeout_t currentTick(double now) { return now <= 0 ? 0 : static_cast<timeout_t>(std::ceil(now * 100.0)); }
