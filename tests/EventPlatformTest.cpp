@@ -465,7 +465,7 @@ TEST(EventBase, ForkedChildRunsItsOwnLoopAfterReinit) {
       CountingTimeout h;
       auto t2 = getTimerControl(&h);
       t2->setTimeout(0.01);
-      doEventLoop(0.5);
+      doEventLoop(0.1);
       code = (cb.calls == 1 && h.fired == 1) ? 0 : 3;
     } catch (...) {
       code = 4;

@@ -254,12 +254,3 @@ TEST_F(FastForward, SwitchOnlyOnMainThreadAndNotifiersOncePerChange) {
   setFastForward(true);
   EXPECT_EQ(calls, 2);
 }
-
-TEST(VirtualTime, ClockNeverGoesBackwards) {
-  double last = Tolan::time();
-  for (int i = 0; i < 100000; ++i) {
-    const double now = Tolan::time();
-    ASSERT_GE(now, last);
-    last = now;
-  }
-}
