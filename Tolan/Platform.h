@@ -26,7 +26,9 @@
 // Exceptions thrown by a handler are offered to its exception operation
 // (handleTimeoutException and so on) while the exception is being handled:
 // return true to swallow it, false (the default) to let it leave the loop
-// entry point that is running the loop.
+// entry point that is running the loop. Such an exception ends the current
+// loop pass; events that were due behind it are delivered by the next loop
+// call, and the loop stays usable.
 #pragma once
 
 #include <fmt/format.h>
