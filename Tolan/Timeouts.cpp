@@ -16,6 +16,11 @@
 // Passed slots are emptied and their links re-placed against the new tick:
 // they go to a lower level or to the expired list, never back up.
 //
+// A link always sits on the level its tick has relative to the current tick
+// (the update that changes that level moves it), so links of one tick share
+// one slot, kept in the order they were added; that order survives every
+// move and the expired list.
+//
 // Each level has a 64-bit occupancy word, so finding passed non-empty slots
 // and the earliest slot is a mask and a count-trailing-zeros, not a scan.
 

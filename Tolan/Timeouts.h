@@ -14,8 +14,9 @@
  * allocated after timeouts_open(); a link is 40 bytes and the wheel itself
  * about 11 KiB.
  *
- * Links that fall due in one update come out of timeouts_get() in no
- * particular order; callers that need exact order sort them (TimerWheel does).
+ * Order: links of one tick come out of timeouts_get() in the order of their
+ * last timeouts_add(); links of different ticks that fall due in one update
+ * come out in no particular order (TimerWheel sorts by exact time).
  *
  * Not thread safe: a wheel and its links belong to one thread at a time.
  * Usable from C and C++.

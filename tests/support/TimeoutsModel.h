@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <random>
+#include <map>
 #include <set>
 #include <utility>
 #include <vector>
@@ -16,7 +17,8 @@ namespace TolanTest {
 
 class TimeoutsModel {
  public:
-  TimeoutsModel(size_t links, uint64_t seed) : links_(links), expires_(links, kIdle), flags_(links), rng_(seed) {
+  TimeoutsModel(size_t links, uint64_t seed)
+      : links_(links), expires_(links, kIdle), addSeq_(links), flags_(links), rng_(seed) {
     reopen(0);
   }
   ~TimeoutsModel() { timeouts_close(T_); }
@@ -46,6 +48,7 @@ class TimeoutsModel {
       expires_[i] = kIdle;
     }
     ref_.clear();
+    lastSeqOfTick_.clear();
     int error = -1;
     T_ = timeouts_open(100, &error);
     ASSERT_NE(T_, nullptr);
@@ -64,6 +67,11 @@ class TimeoutsModel {
       case 2: tick = UINT64_MAX - 1 - pick(1u << 20); break;                   // huge
       case 3: tick = saturatingAdd(cur_, pick(uint64_t{1} << 20)); break;
       case 4: tick = saturatingAdd(cur_, (uint64_t{1} << (6 * pick(11))) + pick(3) - 1); break;  // level edges
+      case 5: {  // the tick of a link added earlier, likely on a higher level by now
+        const size_t k = pick(links_.size());
+        tick = expires_[k] != kIdle ? expires_[k] : saturatingAdd(cur_, pick(5000));
+        break;
+      }
       default: tick = saturatingAdd(cur_, pick(300)); break;                   // near
     }
     const bool absolute = pick(2) != 0 || tick < cur_;
@@ -72,6 +80,7 @@ class TimeoutsModel {
     timeouts_add(T_, &links_[i], absolute ? tick : tick - cur_);
     if (expires_[i] != kIdle) ref_.erase({expires_[i], i});
     expires_[i] = tick;
+    addSeq_[i] = ++seq_;
     ref_.insert({tick, i});
     EXPECT_TRUE(timeout_pending(&links_[i]));
   }
@@ -93,6 +102,10 @@ class TimeoutsModel {
       ASSERT_NE(expires_[i], kIdle) << "link " << i << " returned but not held (twice?)";
       ASSERT_LE(expires_[i], cur_) << "link " << i << " returned before its tick";
       EXPECT_FALSE(timeout_pending(link));
+      uint64_t& last = lastSeqOfTick_[expires_[i]];
+      EXPECT_GT(addSeq_[i], last) << "link " << i << " overtook a link of the same tick added before it";
+      last = addSeq_[i];
+      if (lastSeqOfTick_.size() > 100000) lastSeqOfTick_.clear();
       ref_.erase({expires_[i], i});
       expires_[i] = kIdle;
       ++fired_;
@@ -176,7 +189,10 @@ class TimeoutsModel {
 
   std::vector<timeout> links_;
   std::vector<uint64_t> expires_;
+  std::vector<uint64_t> addSeq_;
   std::vector<int> flags_;
+  std::map<uint64_t, uint64_t> lastSeqOfTick_;  // tick -> add sequence of the last link returned
+  uint64_t seq_ = 0;
   std::set<std::pair<uint64_t, size_t>> ref_;
   std::mt19937_64 rng_;
   timeouts* T_ = nullptr;
