@@ -27,20 +27,19 @@
 // and costs some 30 times more than unw_backtrace, which walks with a
 // per-thread cache of frame layouts keyed by address (and falls back to the
 // cursor walk itself where the cache cannot describe a frame). That tracer is
-// reachable only through unw_backtrace, so capture() calls it and drops the
-// frames of its own making. The result is what the cursor walk yields:
-// return addresses, innermost first, starting in the caller.
+// reachable only through unw_backtrace, so we call it, and drop the one frame
+// of our own making. The result is what the cursor walk yields: return
+// addresses, innermost first, starting in the caller.
 //
-// Frame accounting: unw_backtrace's first address is the return address in
-// its caller, capture(); the next is in the constructor or unwind(); the one
-// after that is the first we keep. capture(), the constructor and unwind()
-// are therefore never inlined into their callers nor left by a tail call.
+// Frame accounting: capture() is inlined into the constructor and unwind(),
+// so unw_backtrace's first address is in one of them (slot 0, not kept) and
+// the next is in their caller. Neither is inlined into its caller nor leaves
+// by a tail call, which would shift that count.
 
 namespace Tolan {
 namespace {
 
-// capture() and its caller (the constructor or unwind()).
-constexpr int kOwnFrames = 2;
+constexpr int kSlots = 1 + static_cast<int>(Backtrace::kMaxFrames);
 constexpr unsigned kDefaultTrackerCapacity = 100;
 
 // Keeps the calling function's frame: nothing may follow a call in tail position.
@@ -65,6 +64,12 @@ pid_t cachedTid() noexcept {
 
 }  // namespace
 
+inline __attribute__((always_inline)) void Backtrace::capture() noexcept {
+  timestamp_ = monotonicSeconds();
+  const int n = unw_backtrace(slots_, kSlots);
+  frameCount_ = n > 1 ? static_cast<uint32_t>(n - 1) : 0;
+}
+
 __attribute__((noinline)) Backtrace::Backtrace(bool capture) noexcept
     : frameCount_(0), tid_(cachedTid()), timestamp_(std::numeric_limits<double>::infinity()) {
   if (capture) this->capture();
@@ -76,15 +81,6 @@ __attribute__((noinline)) void Backtrace::unwind() noexcept {
   TOLAN_KEEP_FRAME_();
 }
 
-__attribute__((noinline)) void Backtrace::capture() noexcept {
-  timestamp_ = monotonicSeconds();
-  void* raw[kMaxFrames + kOwnFrames];
-  const int n = unw_backtrace(raw, static_cast<int>(kMaxFrames) + kOwnFrames);
-  frameCount_ = n > kOwnFrames ? static_cast<uint32_t>(n - kOwnFrames) : 0;
-  std::memcpy(frames_, raw + kOwnFrames, frameCount_ * sizeof(void*));
-  TOLAN_KEEP_FRAME_();
-}
-
 String Backtrace::pretty() const {
   std::ostringstream os;
   os << "Timestamp:" << std::fixed << std::setprecision(6) << timestamp_ << " tid:" << tid_ << " Backtrace:\n";
@@ -93,7 +89,7 @@ String Backtrace::pretty() const {
     return os.str();
   }
   for (uint32_t i = 0; i < frameCount_; ++i) {
-    const void* address = frames_[i];
+    const void* address = frames()[i];
     Dl_info info;
     if (dladdr(address, &info)) {
       if (info.dli_fname) os << info.dli_fname;

@@ -49,7 +49,7 @@ class Backtrace {
   // meant for error reports, not hot paths.
   String pretty() const;
 
-  const void* const* frames() const noexcept { return frames_; }
+  const void* const* frames() const noexcept { return slots_ + 1; }
   uint32_t frameCount() const noexcept { return frameCount_; }
   // Kernel thread id of the thread that constructed the backtrace.
   pid_t tid() const noexcept { return tid_; }
@@ -64,7 +64,9 @@ class Backtrace {
  private:
   void capture() noexcept;
 
-  void* frames_[kMaxFrames];
+  // The unwinder's first address is in the capturing member itself; it lands
+  // in slot 0, outside the backtrace, and frames start at slot 1.
+  void* slots_[1 + kMaxFrames];
   uint32_t frameCount_;
   int32_t tid_;
   double timestamp_;
