@@ -2,10 +2,7 @@
 
 #include <cxxabi.h>
 #include <dlfcn.h>
-#include <pthread.h>
-#include <sys/syscall.h>
 #include <time.h>
-#include <unistd.h>
 
 #define UNW_LOCAL_ONLY
 #include <libunwind.h>
@@ -21,6 +18,7 @@
 
 #include "Tolan/Assert.h"
 #include "Tolan/Locking.h"
+#include "Tolan/Thread.h"
 
 // Capture speed. A plain libunwind cursor walk (unw_init_local, then
 // unw_step and unw_get_reg per frame) interprets DWARF CFI for every frame
@@ -51,17 +49,6 @@ double monotonicSeconds() noexcept {
   return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
 }
 
-// gettid is a system call, too slow to pay on every exception; remember it
-// per thread. A forked child's thread has a new id, hence the reset.
-thread_local pid_t tlsTid = 0;
-
-pid_t cachedTid() noexcept {
-  if (TOLAN_UNLIKELY(tlsTid == 0)) tlsTid = static_cast<pid_t>(syscall(SYS_gettid));
-  return tlsTid;
-}
-
-[[maybe_unused]] const int gTidForkReset = pthread_atfork(nullptr, nullptr, [] { tlsTid = 0; });
-
 }  // namespace
 
 inline __attribute__((always_inline)) void Backtrace::capture() noexcept {
@@ -71,7 +58,7 @@ inline __attribute__((always_inline)) void Backtrace::capture() noexcept {
 }
 
 __attribute__((noinline)) Backtrace::Backtrace(bool capture) noexcept
-    : frameCount_(0), tid_(cachedTid()), timestamp_(std::numeric_limits<double>::infinity()) {
+    : frameCount_(0), tid_(cachedGettid()), timestamp_(std::numeric_limits<double>::infinity()) {
   if (capture) this->capture();
   TOLAN_KEEP_FRAME_();
 }
