@@ -1,6 +1,5 @@
 #include "Tolan/Fmt.h"
 
-#include <iterator>
 
 #include "Tolan/Assert.h"
 
@@ -19,9 +18,9 @@ void buildMessageBuffer(MessageBuffer& buffer, bool withClass, const char* func,
                         fmt::string_view format, fmt::format_args args) {
   if (withClass) {
     TOLAN_PROCESS_ASSERT(func && className, "funcName && className");
-    fmt::format_to(std::back_inserter(buffer), "{}::{}() ", className, func);
+    fmt::format_to(fmt::appender(buffer), "{}::{}() ", className, func);
   }
-  fmt::vformat_to(std::back_inserter(buffer), format, args);
+  fmt::vformat_to(fmt::appender(buffer), format, args);
 }
 
 // Room for "file:line: Class::func() " without a reallocation in the common case.
@@ -31,7 +30,7 @@ void buildDetailedMessageBuffer(MessageBuffer& buffer, const char* file, int lin
                                 const char* className, fmt::string_view format, fmt::format_args args) {
   buffer.clear();
   buffer.reserve(kDetailedReserve);
-  fmt::format_to(std::back_inserter(buffer), "{}:{}: ", file, line);
+  fmt::format_to(fmt::appender(buffer), "{}:{}: ", file, line);
   buildMessageBuffer(buffer, withClass, func, className, format, args);
 }
 
@@ -75,7 +74,7 @@ void appendSeconds(fmt::memory_buffer& out, long long units, long long unitsPerS
   const unsigned long long magnitude =
       units < 0 ? 0ULL - static_cast<unsigned long long>(units) : static_cast<unsigned long long>(units);
   const auto perSecond = static_cast<unsigned long long>(unitsPerSecond);
-  fmt::format_to(std::back_inserter(out), "{}{}.{:0{}}", units < 0 ? "-" : "", magnitude / perSecond,
+  fmt::format_to(fmt::appender(out), "{}{}.{:0{}}", units < 0 ? "-" : "", magnitude / perSecond,
                  magnitude % perSecond, decimals);
 }
 
