@@ -7,8 +7,8 @@
  * with, the caller converts). Use it when a thread holds many timers and an
  * ordered heap of them costs too much: this is what TimerWheel sits on.
  *
- * Cost: add and delete are constant time and touch at most one neighbouring
- * link; timeouts_update() costs in proportion to the slots it passes and the
+ * Cost: add and delete are constant time and touch only the neighbouring
+ * links; timeouts_update() costs in proportion to the slots it passes and the
  * links it moves (each link moves down at most once per level in its life);
  * timeouts_timeout() looks at one occupancy word per level. Nothing is
  * allocated after timeouts_open(); a link is 40 bytes and the wheel itself

@@ -8,7 +8,8 @@
 //
 // Use it when a thread holds many timers (one per connection, per task):
 // starting and stopping a timer is a constant-time wheel operation with no
-// allocation, where an event-library timer costs a heap operation each.
+// allocation plus one read of the clock, and the event loop holds one timer
+// per wheel however many timers the wheel keeps.
 //
 // Clients normally go through an ordinary TimerControl:
 //
