@@ -8,9 +8,10 @@
 #include "Tolan/ForkHandler.h"
 #include "Tolan/Plugin.h"
 #include "support/ChildProcess.h"
-#include "support/ForkedChild.h"
+#include "support/SysFixtures.h"
 
 using ::testing::HasSubstr;
+namespace Platform = Tolan::Platform;
 
 namespace {
 
@@ -18,81 +19,58 @@ class PluginTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
     Tolan::throwOnAssertFailIs(true);
-    // Levels 0-3 of the plugin channel, so its messages reach standard error.
-    Tolan::Platform::setupTolanDebug("TolanPlugin/0123");
+    Platform::setupTolanDebug("TolanPlugin/0123");  // its messages reach standard error
+  }
+  static std::string assertion(const std::function<void()>& f) {
+    return Tolan::Test::thrownMessage<Tolan::AssertException>(f);
   }
 };
 
-class NamedPlugin : public Tolan::Platform::Plugin {
- public:
-  explicit NamedPlugin(std::string name) : name_(std::move(name)) {}
-  Tolan::String pluginName() const override { return name_; }
-
- private:
-  std::string name_;
+struct Impostor : Platform::Plugin {
+  Tolan::String pluginName() const override { return "utgood"; }
 };
 
 }  // namespace
 
 TEST(ForkHandler, ChildSeesFlagParentDoesNot) {
-  Tolan::Platform::forkedChildIs(false);
-  EXPECT_EQ(Tolan::Test::exitStatusInChild([] { return Tolan::Platform::isForkedChild() ? 0 : 1; }), 0);
-  EXPECT_FALSE(Tolan::Platform::isForkedChild());
-
-  // A second registration must not break the flag (nor double anything visible).
-  Tolan::Platform::setupHandler();
-  EXPECT_EQ(Tolan::Test::exitStatusInChild([] { return Tolan::Platform::isForkedChild() ? 0 : 1; }), 0);
-
-  Tolan::Platform::forkedChildIs(true);
-  EXPECT_TRUE(Tolan::Platform::isForkedChild());
-  Tolan::Platform::forkedChildIs(false);
-  EXPECT_FALSE(Tolan::Platform::isForkedChild());
+  Platform::forkedChildIs(false);
+  for (int registrations = 1; registrations <= 2; ++registrations) {
+    EXPECT_EQ(Tolan::Test::exitStatusInChild([] { return Platform::isForkedChild() ? 0 : 1; }), 0) << registrations;
+    EXPECT_FALSE(Platform::isForkedChild());
+    Platform::setupHandler();  // registering again must not break the flag
+  }
 }
 
 TEST_F(PluginTest, LoadsOnceAndRegistersByName) {
   testing::internal::CaptureStderr();
-  void* handle = Tolan::Platform::loadPlugin("utgood");
-  std::string err = testing::internal::GetCapturedStderr();
+  void* handle = Platform::loadPlugin("utgood");
+  const bool again = Platform::loadPlugin("utgood") != nullptr;
+  const std::string err = testing::internal::GetCapturedStderr();
   ASSERT_NE(handle, nullptr) << err;
-  EXPECT_THAT(err, HasSubstr("adding plugin utgood"));
-  EXPECT_THAT(err, HasSubstr("Yay!  Plugin utgood loaded"));
-  Tolan::Platform::Plugin* plugin = Tolan::Platform::findPlugin("utgood");
+  EXPECT_FALSE(again);
+  for (const char* trace : {"adding plugin utgood", "Yay!  Plugin utgood loaded", "utgood already loaded"}) {
+    EXPECT_THAT(err, HasSubstr(trace));
+  }
+  Platform::Plugin* plugin = Platform::findPlugin("utgood");
   ASSERT_NE(plugin, nullptr);
   EXPECT_EQ(plugin->pluginName(), "utgood");
 
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(Tolan::Platform::loadPlugin("utgood"), nullptr);
-  err = testing::internal::GetCapturedStderr();
-  EXPECT_THAT(err, HasSubstr("utgood already loaded"));
-  EXPECT_EQ(Tolan::Platform::findPlugin("utgood"), plugin);
-
   // A second object claiming the name is refused and the first one stays.
-  NamedPlugin impostor("utgood");
-  try {
-    Tolan::Platform::registerPlugin(&impostor);
-    ADD_FAILURE() << "duplicate registration accepted";
-  } catch (const Tolan::AssertException& e) {
-    EXPECT_THAT(e.message(), HasSubstr("Plugin utgood already registered"));
-  }
-  EXPECT_EQ(Tolan::Platform::findPlugin("utgood"), plugin);
+  Impostor impostor;
+  EXPECT_THAT(assertion([&] { Platform::registerPlugin(&impostor); }), HasSubstr("Plugin utgood already registered"));
+  EXPECT_EQ(Platform::findPlugin("utgood"), plugin);
 }
 
-TEST_F(PluginTest, MissingLibraryReturnsNullWithLoaderText) {
+TEST_F(PluginTest, MissingOrSilentLibraries) {
   testing::internal::CaptureStderr();
-  EXPECT_EQ(Tolan::Platform::loadPlugin("utnosuchplugin"), nullptr);
-  const std::string err = testing::internal::GetCapturedStderr();
-  EXPECT_THAT(err, HasSubstr("Failed to load plugin utnosuchplugin: libutnosuchplugin.so"));
-  EXPECT_EQ(Tolan::Platform::findPlugin("utnosuchplugin"), nullptr);
-}
+  EXPECT_EQ(Platform::loadPlugin("utnosuchplugin"), nullptr);
+  EXPECT_THAT(testing::internal::GetCapturedStderr(),
+              HasSubstr("Failed to load plugin utnosuchplugin: libutnosuchplugin.so"));
+  EXPECT_EQ(Platform::findPlugin("utnosuchplugin"), nullptr);
 
-TEST_F(PluginTest, LibraryThatDoesNotRegisterIsAnAssertion) {
-  try {
-    Tolan::Platform::loadPlugin("utsilent");
-    ADD_FAILURE() << "no assertion";
-  } catch (const Tolan::AssertException& e) {
-    EXPECT_THAT(e.message(), HasSubstr("Phooey -- plugin utsilent failed to register"));
-  }
-  EXPECT_EQ(Tolan::Platform::findPlugin("utsilent"), nullptr);
+  EXPECT_THAT(assertion([] { Platform::loadPlugin("utsilent"); }),
+              HasSubstr("Phooey -- plugin utsilent failed to register"));
+  EXPECT_EQ(Platform::findPlugin("utsilent"), nullptr);
 }
 
 // The duplicate is found inside dlopen, while the loader holds its own locks:
@@ -102,8 +80,8 @@ TEST_F(PluginTest, SecondLibraryWithTheSameNameEndsTheProcess) {
   EXPECT_DEATH(
       {
         Tolan::throwOnAssertFailIs(false);
-        Tolan::Platform::loadPlugin("utdup");
-        Tolan::Platform::loadPlugin("utdup2");
+        Platform::loadPlugin("utdup");
+        Platform::loadPlugin("utdup2");
       },
       "Plugin utdup already registered");
 }
@@ -115,7 +93,6 @@ TEST(CheckIncompat, PassesAloneAndAbortsBehindAnotherPlatformLibrary) {
   const auto alone = Tolan::Test::ChildProcess(Tolan::Test::helperPath("ut_probe")).arg("flag").run();
   ASSERT_TRUE(alone.exitedWith(0)) << alone.describe();
   EXPECT_EQ(alone.out, "2\n");
-
   // Linked behind a library that defines the flag first: never reaches main().
   const auto behind = Tolan::Test::ChildProcess(Tolan::Test::helperPath("ut_incompat_probe")).arg("flag").run();
   EXPECT_TRUE(behind.killedBy(SIGABRT)) << behind.describe();

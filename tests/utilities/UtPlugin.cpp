@@ -1,17 +1,12 @@
-// A plugin library for the plugin tests. Built several times:
-//   UT_PLUGIN_NAME     the name it registers under (not set: registers nothing)
+// A plugin library for the plugin tests, registering as UT_PLUGIN_NAME, or
+// nothing when that is not defined.
 #include "Tolan/Plugin.h"
 
 #ifdef UT_PLUGIN_NAME
 namespace {
-
-class UtPlugin : public Tolan::Platform::Plugin {
- public:
+struct UtPlugin : Tolan::Platform::Plugin {
   Tolan::String pluginName() const override { return UT_PLUGIN_NAME; }
-};
-
-UtPlugin gPlugin;
+} gPlugin;
 const bool gRegistered = (Tolan::Platform::registerPlugin(&gPlugin), true);
-
 }  // namespace
 #endif
