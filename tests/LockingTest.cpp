@@ -3,8 +3,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <exception>
-#include <functional>
 #include <mutex>
 #include <string>
 #include <system_error>
@@ -20,147 +18,75 @@ using Tolan::Locking::ConditionalGuard;
 using Tolan::Locking::Lock;
 using Tolan::Locking::RecursiveLock;
 using testing::HasSubstr;
+using testing::ThrowsMessage;
 
 class LockingTest : public testing::Test {
  protected:
   void SetUp() override { Tolan::throwOnAssertFailIs(true); }
 };
 
-// Runs `fn` on a new thread and rethrows whatever it threw here.
-void onOtherThread(const std::function<void()>& fn) {
-  std::exception_ptr error;
-  std::thread t([&] {
-    try {
-      fn();
-    } catch (...) {
-      error = std::current_exception();
-    }
-  });
-  t.join();
-  if (error) std::rethrow_exception(error);
-}
-
-// The message of the AssertException that `fn` throws on another thread.
-template <typename Fn>
-std::string assertMessageOnOtherThread(Fn fn, pthread_t* who = nullptr) {
-  std::string message;
-  onOtherThread([&] {
-    if (who) *who = pthread_self();
-    testing::internal::CaptureStderr();  // the assertion's own trace line
-    try {
-      fn();
-    } catch (const Tolan::AssertException& e) {
-      message = e.what();
-    }
-    testing::internal::GetCapturedStderr();
-  });
-  return message;
-}
-
-TEST_F(LockingTest, LockTracksItsOwner) {
+TEST_F(LockingTest, LockTracksItsOwnerAndRefusesToRelock) {
   Lock lock;
-  EXPECT_FALSE(lock.owns_lock());
   EXPECT_EQ(lock.owner(), pthread_t{0});
   lock.lock();
   EXPECT_TRUE(lock.owns_lock());
   EXPECT_EQ(lock.owner(), pthread_self());
-  onOtherThread([&] {
+  std::thread([&] {
     EXPECT_FALSE(lock.owns_lock());
     EXPECT_FALSE(lock.try_lock());
-  });
-  // Not recursive: the holder's own try_lock fails too and changes nothing.
+  }).join();
+  // Not recursive: the holder's own try_lock fails, and lock() throws instead of hanging.
   EXPECT_FALSE(lock.try_lock());
+  EXPECT_THAT([&] { lock.lock(); },
+              testing::Throws<std::system_error>(
+                  testing::Property(&std::system_error::code, testing::Property(&std::error_code::value, EDEADLK))));
   EXPECT_TRUE(lock.owns_lock());
   lock.unlock();
   EXPECT_FALSE(lock.owns_lock());
   EXPECT_EQ(lock.owner(), pthread_t{0});
-
-  onOtherThread([&] {
+  std::thread([&] {
     ASSERT_TRUE(lock.try_lock());
     EXPECT_TRUE(lock.owns_lock());
     lock.unlock();
-  });
-  EXPECT_TRUE(lock.try_lock());
-  lock.unlock();
+  }).join();
 }
 
-TEST_F(LockingTest, RelockingByTheOwnerThrowsInsteadOfHanging) {
+TEST_F(LockingTest, OnlyTheOwnerReleasesAndRecursiveHoldsAreCounted) {
   Lock lock;
+  RecursiveLock rlock;
   lock.lock();
-  try {
-    lock.lock();
-    ADD_FAILURE() << "second lock() returned";
-  } catch (const std::system_error& e) {
-    EXPECT_EQ(e.code().value(), EDEADLK);
-  }
-  EXPECT_FALSE(lock.try_lock());
+  rlock.lock();
+  rlock.lock();
+  EXPECT_TRUE(rlock.try_lock());  // the holder may take it again
+  EXPECT_EQ(rlock.lockCount(), 3u);
+  const pthread_t owner = pthread_self();
+  std::thread([&] {
+    EXPECT_FALSE(rlock.try_lock());
+    const auto expected = fmt::format("attempting to release a lock that is not currently held, owner:{} me:{}", owner,
+                                      pthread_self());
+    EXPECT_THAT([&] { lock.unlock(); }, ThrowsMessage<Tolan::AssertException>(HasSubstr(expected)));
+    EXPECT_THAT([&] { rlock.unlock(); }, ThrowsMessage<Tolan::AssertException>(HasSubstr(expected + " lockCount:")));
+  }).join();
+  // The failed unlocks left the locks with their owner.
   EXPECT_TRUE(lock.owns_lock());
+  EXPECT_EQ(rlock.lockCount(), 3u);
   lock.unlock();
-  EXPECT_FALSE(lock.owns_lock());
-}
-
-TEST_F(LockingTest, UnlockByNonOwnerNamesBothThreads) {
-  Lock lock;
-  lock.lock();
-  pthread_t other{};
-  const std::string message = assertMessageOnOtherThread([&] { lock.unlock(); }, &other);
-  EXPECT_THAT(message, HasSubstr(fmt::format("attempting to release a lock that is not currently held, owner:{} me:{}",
-                                             pthread_self(), other)));
-  // The failed unlock left the lock with its owner.
-  EXPECT_TRUE(lock.owns_lock());
-  lock.unlock();
+  rlock.unlock();
+  rlock.unlock();
+  EXPECT_TRUE(rlock.owns_lock());
+  std::thread([&] { EXPECT_FALSE(rlock.try_lock()); }).join();
+  rlock.unlock();
+  EXPECT_FALSE(rlock.owns_lock());
+  EXPECT_EQ(rlock.lockCount(), 0u);
+  std::thread([&] {
+    ASSERT_TRUE(rlock.try_lock());
+    rlock.unlock();
+  }).join();
 
   // Releasing a free lock is the same error, with no owner.
-  testing::internal::CaptureStderr();
-  try {
-    lock.unlock();
-    ADD_FAILURE() << "unlock of a free lock did not assert";
-  } catch (const Tolan::AssertException& e) {
-    EXPECT_THAT(e.what(), HasSubstr(fmt::format("owner:0 me:{}", pthread_self())));
-  }
-  testing::internal::GetCapturedStderr();
-}
-
-TEST_F(LockingTest, RecursiveLockCountsItsHolds) {
-  RecursiveLock lock;
-  EXPECT_EQ(lock.lockCount(), 0u);
-  lock.lock();
-  lock.lock();
-  EXPECT_TRUE(lock.try_lock());  // the holder may take it again
-  EXPECT_EQ(lock.lockCount(), 3u);
-  onOtherThread([&] { EXPECT_FALSE(lock.try_lock()); });
-
-  lock.unlock();
-  lock.unlock();
-  EXPECT_TRUE(lock.owns_lock());
-  EXPECT_EQ(lock.lockCount(), 1u);
-  onOtherThread([&] { EXPECT_FALSE(lock.try_lock()); });
-
-  lock.unlock();
-  EXPECT_FALSE(lock.owns_lock());
-  EXPECT_EQ(lock.lockCount(), 0u);
-  onOtherThread([&] {
-    ASSERT_TRUE(lock.try_lock());
-    lock.unlock();
-  });
-}
-
-TEST_F(LockingTest, RecursiveUnlockByNonOwnerFails) {
-  RecursiveLock lock;
-  lock.lock();
-  lock.lock();
-  pthread_t other{};
-  const std::string message = assertMessageOnOtherThread([&] { lock.unlock(); }, &other);
-  EXPECT_THAT(message, HasSubstr(fmt::format("attempting to release a lock that is not currently held, owner:{} me:{} "
-                                             "lockCount:",
-                                             pthread_self(), other)));
-  EXPECT_EQ(lock.lockCount(), 2u);
-  lock.unlock();
-  lock.unlock();
-
-  testing::internal::CaptureStderr();
-  EXPECT_THROW(lock.unlock(), Tolan::AssertException);
-  testing::internal::GetCapturedStderr();
+  EXPECT_THAT([&] { lock.unlock(); },
+              ThrowsMessage<Tolan::AssertException>(HasSubstr(fmt::format("owner:0 me:{}", pthread_self()))));
+  EXPECT_THROW(rlock.unlock(), Tolan::AssertException);
 }
 
 TEST_F(LockingTest, LocksExcludeEachOther) {
@@ -175,8 +101,7 @@ TEST_F(LockingTest, LocksExcludeEachOther) {
         std::lock_guard<Lock> g(lock);
         ++plain;
       }
-      std::lock_guard<RecursiveLock> g1(rlock);
-      std::lock_guard<RecursiveLock> g2(rlock);
+      std::lock_guard<RecursiveLock> g1(rlock), g2(rlock);
       ++recursive;
     }
   };
@@ -185,7 +110,6 @@ TEST_F(LockingTest, LocksExcludeEachOther) {
   b.join();
   EXPECT_EQ(plain, 2 * kRounds);
   EXPECT_EQ(recursive, 2 * kRounds);
-  EXPECT_EQ(lock.owner(), pthread_t{0});
   EXPECT_EQ(rlock.lockCount(), 0u);
 }
 
@@ -194,10 +118,8 @@ TEST_F(LockingTest, ConditionalGuardReleasesOnlyWhenAskedAndOwned) {
   {
     ConditionalGuard guard(lock);
     EXPECT_TRUE(lock.owns_lock());
-    EXPECT_TRUE(guard.release());
   }
   EXPECT_FALSE(lock.owns_lock());
-
   {
     ConditionalGuard guard(lock);
     guard.releaseIs(false);
@@ -206,21 +128,19 @@ TEST_F(LockingTest, ConditionalGuardReleasesOnlyWhenAskedAndOwned) {
   lock.unlock();
 
   // Released early by hand: the guard must not unlock a second time (that
-  // would be an assertion, thrown from a destructor).
+  // would be an assertion, thrown from a destructor)...
   {
     ConditionalGuard guard(lock);
     lock.unlock();
   }
   EXPECT_FALSE(lock.owns_lock());
-
-  // Handed to another thread while the guard lives: it stays with that thread.
+  // ...nor take it from another thread it was handed to meanwhile.
   {
     ConditionalGuard guard(lock);
     lock.unlock();
-    onOtherThread([&] { ASSERT_TRUE(lock.try_lock()); });
+    std::thread([&] { ASSERT_TRUE(lock.try_lock()); }).join();
   }
   EXPECT_NE(lock.owner(), pthread_t{0});
-  EXPECT_FALSE(lock.owns_lock());
 }
 
 TEST_F(LockingTest, GlobalLockIsOneRecursiveLock) {
@@ -231,7 +151,7 @@ TEST_F(LockingTest, GlobalLockIsOneRecursiveLock) {
     Tolan::Platform::LocoGuard outer;
     Tolan::Platform::LocoGuard inner;
     EXPECT_TRUE(loco.owns_lock());
-    onOtherThread([&] { EXPECT_FALSE(loco.owns_lock()); });
+    std::thread([&] { EXPECT_FALSE(loco.owns_lock()); }).join();
   }
   EXPECT_FALSE(loco.owns_lock());
 }

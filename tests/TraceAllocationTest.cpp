@@ -24,34 +24,26 @@ void operator delete(void* p, std::size_t) noexcept { std::free(p); }
 
 namespace {
 
-// Heap allocations made by one trace call of a `size`-character message.
-int allocationsForMessageOf(size_t size) {
-  static auto handler = [] {
-    auto h = Tolan::Platform::getDebugHandler("AllocTest");
-    h->enabledIs(5, true);
-    return h;
-  }();
-  const std::string text(size, 'm');
-  const char* message = text.c_str();
-  tlsAllocations = 0;
-  tlsCounting = true;
-  TOLAN_TRACE(handler, 5, "{}", message);
-  tlsCounting = false;
-  return tlsAllocations;
-}
-
 TEST(TraceAllocation, MessagesUpTo500CharactersDoNotAllocate) {
   Tolan::Platform::setTraceFormat("date,time,tid,handle,level,line-info");
+  auto handler = Tolan::Platform::getDebugHandler("AllocTest");
+  handler->enabledIs(5, true);
+  // Heap allocations made by one trace call of a `size`-character message.
+  auto allocationsFor = [&handler](size_t size) {
+    const std::string text(size, 'm');
+    const char* message = text.c_str();
+    tlsAllocations = 0;
+    tlsCounting = true;
+    TOLAN_TRACE(handler, 5, "{}", message);
+    tlsCounting = false;
+    return tlsAllocations;
+  };
   testing::internal::CaptureStderr();
-  allocationsForMessageOf(10);  // first use: time zone, stream set-up
-  const int small = allocationsForMessageOf(10);
-  const int limit = allocationsForMessageOf(500);
-  const int large = allocationsForMessageOf(5000);
-  const std::string out = testing::internal::GetCapturedStderr();
-  EXPECT_EQ(small, 0);
-  EXPECT_EQ(limit, 0);
-  EXPECT_GT(large, 0);  // the counter works: a long message does spill
-  EXPECT_NE(out.find(std::string(5000, 'm') + "\n"), std::string::npos);
+  allocationsFor(10);  // first use: time zone, stream set-up
+  EXPECT_EQ(allocationsFor(10), 0);
+  EXPECT_EQ(allocationsFor(500), 0);
+  EXPECT_GT(allocationsFor(5000), 0);  // the counter works: a long message does spill
+  EXPECT_NE(testing::internal::GetCapturedStderr().find(std::string(5000, 'm') + "\n"), std::string::npos);
 }
 
 }  // namespace

@@ -5,8 +5,10 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <fmt/format.h>
+
 #include <chrono>
-#include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <regex>
 #include <set>
@@ -20,30 +22,29 @@
 
 namespace {
 
-using Tolan::Platform::printAllTraceFormat;
 using Tolan::Platform::setTraceFormat;
+using Tolan::Test::traceProbe;
+using testing::EndsWith;
 using testing::HasSubstr;
 
 constexpr const char* kDefaultFormat = "date,time,tid,handle,level";
 constexpr const char* kDefaultSwitches = "1 1 0 1 1 1 0 0\n";
+constexpr const char* kInvalid = " is an invalid field in TRACEFORMAT\nSet TRACEFORMAT=help for more information.\n";
 
 // Traces in this process go to standard error (the suite runs without
-// TRACEFILE); each test captures it and puts the default format back.
+// TRACEFILE); each test puts the default format back.
 class TraceOutputTest : public testing::Test {
  protected:
-  void SetUp() override {
-    handler_ = Tolan::Platform::getDebugHandler("OutTest");
-    handler_->enabledIs(5, true);
-  }
+  void SetUp() override { handler_->enabledIs(5, true); }
   void TearDown() override { setTraceFormat(kDefaultFormat); }
 
   static std::string switches() {
     testing::internal::CaptureStdout();
-    printAllTraceFormat();
+    Tolan::Platform::printAllTraceFormat();
     return testing::internal::GetCapturedStdout();
   }
 
-  std::shared_ptr<Tolan::Platform::DebugHandler> handler_;
+  std::shared_ptr<Tolan::Platform::DebugHandler> handler_ = Tolan::Platform::getDebugHandler("OutTest");
 };
 
 TEST_F(TraceOutputTest, FieldsAppearInFixedOrder) {
@@ -56,43 +57,29 @@ TEST_F(TraceOutputTest, FieldsAppearInFixedOrder) {
 
   std::smatch m;
   ASSERT_TRUE(std::regex_match(out, m,
-                               std::regex(R"((\d{4}-\d\d-\d\d) (\d\d:\d\d:\d\d)\.(\d+) (\d+) (\d+) (\S+) (\d) )"
-                                          R"(([^ :]+):(\d+) (\S+) hello 42\n)")))
-      << out;
-  EXPECT_EQ(m[4], std::to_string(getpid()));
-  EXPECT_EQ(m[5], std::to_string(Tolan::gettid()));
-  EXPECT_EQ(m[6], "OutTest");
-  EXPECT_EQ(m[7], "5");
-  EXPECT_EQ(m[8], "TraceOutputTest.cpp");  // the base name only
-  EXPECT_EQ(m[9], std::to_string(line));
-  EXPECT_EQ(m[10], "TestBody");
-
-  // The date and time are today's, now.
+                               std::regex(R"((\d{4}-\d\d-\d\d) \d\d:\d\d:\d\d\.\d+ (\d+) (\d+) OutTest 5 )"
+                                          R"(TraceOutputTest.cpp:(\d+) TestBody hello 42\n)")))
+      << out;  // the file's base name only
+  EXPECT_EQ(m[2], std::to_string(getpid()));
+  EXPECT_EQ(m[3], std::to_string(Tolan::gettid()));
+  EXPECT_EQ(m[4], std::to_string(line));
   char today[16];
   const time_t now = time(nullptr);
   struct tm local;
   strftime(today, sizeof today, "%Y-%m-%d", localtime_r(&now, &local));
   EXPECT_EQ(m[1], today);
 
-  setTraceFormat("level,pid");
+  setTraceFormat("level,,pid,");  // empty items are skipped
+  EXPECT_EQ(switches(), "0 0 1 0 0 1 0 0\n");
   testing::internal::CaptureStderr();
   TOLAN_TRACE(handler_, 5, "x");
   EXPECT_EQ(testing::internal::GetCapturedStderr(), std::to_string(getpid()) + " 5 x\n");
 }
 
-// The microseconds of the time field, or -1 if the line has no such field.
-long microsOf(const std::string& line) {
-  std::smatch m;
-  if (!std::regex_search(line, m, std::regex(R"(^\d\d:\d\d:\d\d\.(\d+) )"))) return -1;
-  const std::string digits = m[1];
-  if (digits.size() > 1 && digits[0] == '0') return -2;  // zero-padded
-  return std::stol(digits);
-}
-
 TEST_F(TraceOutputTest, MicrosecondsAreNotPadded) {
   setTraceFormat("time");
-  // Wait for the first 100 ms of a second, where a padded field would show a
-  // leading zero, and bracket the line with clock readings.
+  // Trace in the first 100 ms of a second, where a padded field would show a
+  // leading zero, bracketed by clock readings.
   for (int attempt = 0; attempt < 3; ++attempt) {
     timeval before, after;
     gettimeofday(&before, nullptr);
@@ -102,31 +89,27 @@ TEST_F(TraceOutputTest, MicrosecondsAreNotPadded) {
     TOLAN_TRACE(handler_, 5, "tick");
     const std::string out = testing::internal::GetCapturedStderr();
     gettimeofday(&after, nullptr);
-    if (before.tv_sec != after.tv_sec || after.tv_usec >= 100000) continue;  // the machine stalled; again
+    if (before.tv_sec != after.tv_sec || after.tv_usec >= 100000) continue;  // the machine stalled
 
-    const long micros = microsOf(out);
-    ASSERT_GE(micros, 0) << out;
-    EXPECT_GE(micros, before.tv_usec) << out;
-    EXPECT_LE(micros, after.tv_usec) << out;
-    EXPECT_THAT(out, testing::EndsWith(" tick\n"));
+    std::smatch m;
+    ASSERT_TRUE(std::regex_match(out, m, std::regex(R"(\d\d:\d\d:\d\d\.([1-9]\d*) tick\n)"))) << out;
+    EXPECT_GE(std::stol(m[1]), before.tv_usec) << out;
+    EXPECT_LE(std::stol(m[1]), after.tv_usec) << out;
     return;
   }
   GTEST_SKIP() << "could not trace within the first 100 ms of a second";
 }
 
-TEST_F(TraceOutputTest, LongMessagesAreWrittenWhole) {
-  setTraceFormat("level");
+TEST_F(TraceOutputTest, LongMessagesClassFormAndStreams) {
+  setTraceFormat("handle");
   for (size_t size : {499u, 500u, 501u, 4000u}) {
     std::string text;
     for (size_t i = 0; text.size() < size; ++i) text += static_cast<char>('a' + i % 26);
     testing::internal::CaptureStderr();
     TOLAN_TRACE(handler_, 5, "{}", text);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "5 " + text + "\n") << size;
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "OutTest " + text + "\n") << size;
   }
-}
 
-TEST_F(TraceOutputTest, ClassFormAndStreams) {
-  setTraceFormat("handle");
   testing::internal::CaptureStderr();
   TOLAN_TRACE_C(handler_, 5, Widget, "ready {}", "now");
   Tolan::Platform::DebugStream stream;
@@ -136,9 +119,7 @@ TEST_F(TraceOutputTest, ClassFormAndStreams) {
 }
 
 TEST_F(TraceOutputTest, HelpInvalidAndEmptyFormats) {
-  setTraceFormat("level,,pid,");  // empty items are skipped
-  EXPECT_EQ(switches(), "0 0 1 0 0 1 0 0\n");
-
+  setTraceFormat("level,pid");
   testing::internal::CaptureStderr();
   setTraceFormat("help");
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
@@ -146,19 +127,15 @@ TEST_F(TraceOutputTest, HelpInvalidAndEmptyFormats) {
             "  date\n  time\n  pid\n  tid\n  handle\n  level\n  line-info\n  func-name\n");
   EXPECT_EQ(switches(), "0 0 1 0 0 1 0 0\n");
 
-  for (const char* bad : {"date,bogus,more", "Date", "level, pid", "help,date"}) {
+  // The first invalid item is named, and the format stays as it was.
+  const struct { const char* format; const char* named; } bad[] = {
+      {"date,bogus,more", "bogus"}, {"Date", "Date"}, {"level, pid", " pid"}, {"help,date", "help"}};
+  for (const auto& c : bad) {
     testing::internal::CaptureStderr();
-    setTraceFormat(bad);
-    const std::string err = testing::internal::GetCapturedStderr();
-    EXPECT_THAT(err, testing::EndsWith(" is an invalid field in TRACEFORMAT\nSet TRACEFORMAT=help for more information.\n"))
-        << bad;
-    EXPECT_EQ(switches(), "0 0 1 0 0 1 0 0\n") << bad;
+    setTraceFormat(c.format);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), c.named + std::string(kInvalid)) << c.format;
+    EXPECT_EQ(switches(), "0 0 1 0 0 1 0 0\n") << c.format;
   }
-  // The first invalid item is named, and only that one.
-  testing::internal::CaptureStderr();
-  setTraceFormat("date,bogus,more");
-  EXPECT_EQ(testing::internal::GetCapturedStderr(),
-            "bogus is an invalid field in TRACEFORMAT\nSet TRACEFORMAT=help for more information.\n");
 
   setTraceFormat("");
   EXPECT_EQ(switches(), "0 0 0 0 0 0 0 0\n");
@@ -172,142 +149,100 @@ TEST_F(TraceOutputTest, HelpInvalidAndEmptyFormats) {
   EXPECT_EQ(switches(), "0 0 0 0 0 0 0 0\n");
 }
 
-// ---------------------------------------------------------------------------
 // TRACEFORMAT and TRACEFILE as read at load and by setupTolanDebug, in a child.
-
 class TraceChildTest : public testing::Test {
  protected:
-  void SetUp() override {
-    char dir[] = "/tmp/tolan-trace-XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    dir_ = dir;
-  }
-  void TearDown() override {
-    for (const char* f : {"a.log", "b.log"}) std::remove((dir_ + "/" + f).c_str());
-    rmdir(dir_.c_str());
-  }
-
-  static Tolan::Test::ChildProcess probe(std::initializer_list<std::string> commands) {
-    Tolan::Test::ChildProcess child(Tolan::Test::helperPath("trace_probe"));
-    child.unsetEnv("TRACE").unsetEnv("TRACEFILE").unsetEnv("TRACEFORMAT");
-    for (const auto& c : commands) child.arg(c);
-    return child;
-  }
+  void SetUp() override { ASSERT_NE(mkdtemp(dir_.data()), nullptr); }
+  void TearDown() override { std::filesystem::remove_all(dir_); }
 
   static std::string slurp(const std::string& path) {
-    std::ifstream in(path);
     std::stringstream s;
-    s << in.rdbuf();
+    s << std::ifstream(path).rdbuf();
     return s.str();
   }
 
-  std::string dir_;
+  std::string dir_ = "/tmp/tolan-trace-XXXXXX";
 };
 
 TEST_F(TraceChildTest, FormatFromTheEnvironment) {
-  auto r = probe({"print-format"}).run();
-  ASSERT_TRUE(r.exitedWith(0)) << r.describe();
-  EXPECT_EQ(r.out, kDefaultSwitches);
-
-  r = probe({"print-format", "trace Tolan 1 msg"}).env("TRACEFORMAT", "level,pid").run();
-  ASSERT_TRUE(r.exitedWith(0)) << r.describe();
-  EXPECT_EQ(r.out, "0 0 1 0 0 1 0 0\n");
-  EXPECT_THAT(r.err, testing::MatchesRegex("[0-9]+ 1 msg\n"));
-
-  r = probe({"print-format"}).env("TRACEFORMAT", "help").run();
-  EXPECT_EQ(r.out, kDefaultSwitches);
-  EXPECT_THAT(r.err, testing::StartsWith("Usage:\n  TRACEFORMAT=field,field,...\n"));
-
-  r = probe({"print-format"}).env("TRACEFORMAT", "date,bogus").run();
-  EXPECT_EQ(r.out, kDefaultSwitches);
-  EXPECT_EQ(r.err, "bogus is an invalid field in TRACEFORMAT\nSet TRACEFORMAT=help for more information.\n");
-
-  r = probe({"print-format", "trace Tolan 1 only this"}).env("TRACEFORMAT", "").run();
-  EXPECT_EQ(r.out, "0 0 0 0 0 0 0 0\n");
-  EXPECT_EQ(r.err, "only this\n");
+  const struct { const char* format; const char* out; const char* err; } cases[] = {
+      {nullptr, kDefaultSwitches, "[0-9-]+ [0-9:.]+ [0-9]+ Tolan 1 msg\n"},
+      {"level,pid", "0 0 1 0 0 1 0 0\n", "[0-9]+ 1 msg\n"},
+      {"", "0 0 0 0 0 0 0 0\n", "msg\n"},
+      {"help", kDefaultSwitches, "Usage:\n  TRACEFORMAT=field,field,...\n(.|\n)*  func-name\n.* Tolan 1 msg\n"},
+      {"date,bogus", kDefaultSwitches,
+       "bogus is an invalid field in TRACEFORMAT\nSet TRACEFORMAT=help for more information\\.\n"
+       "[0-9-]+ .* Tolan 1 msg\n"}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.format ? c.format : "unset");
+    auto child = traceProbe({"print-format", "trace Tolan 1 msg"});
+    if (c.format) child.env("TRACEFORMAT", c.format);
+    const auto r = child.run();
+    EXPECT_TRUE(r.exitedWith(0)) << r.describe();
+    EXPECT_EQ(r.out, c.out);
+    EXPECT_THAT(r.err, testing::ContainsRegex("^" + std::string(c.err) + "$"));
+  }
 
   // setTraceFormat(null) re-reads the variable; unset leaves the format alone.
-  r = probe({"format level", "format", "print-format", "setenv TRACEFORMAT pid", "format", "print-format"}).run();
+  const auto r =
+      traceProbe({"format level", "format", "print-format", "setenv TRACEFORMAT pid", "format", "print-format"}).run();
   EXPECT_EQ(r.out, "0 0 0 0 0 1 0 0\n0 0 1 0 0 0 0 0\n");
 }
 
 TEST_F(TraceChildTest, UnopenableTraceFileFallsBackToStandardError) {
-  const auto r = probe({"trace Tolan 1 still seen"}).env("TRACEFILE", dir_).env("TRACEFORMAT", "handle").run();
-  ASSERT_TRUE(r.exitedWith(0)) << r.describe();
-  EXPECT_EQ(r.err, "Error opening TRACEFILE=" + dir_ + "\nDefaulting to std::cerr for trace output.\nTolan still seen\n");
-
-  const auto missing = probe({"trace Tolan 1 x"}).env("TRACEFILE", dir_ + "/no/such/dir/f").env("TRACEFORMAT", "").run();
-  EXPECT_EQ(missing.err, "Error opening TRACEFILE=" + dir_ +
-                             "/no/such/dir/f\nDefaulting to std::cerr for trace output.\nx\n");
-
-  // Set but empty names no file either.
-  const auto empty = probe({"trace Tolan 1 y"}).env("TRACEFILE", "").env("TRACEFORMAT", "").run();
-  EXPECT_EQ(empty.err, "Error opening TRACEFILE=\nDefaulting to std::cerr for trace output.\ny\n");
+  // A directory, a missing directory, and set but empty.
+  for (const std::string& file : {dir_, dir_ + "/no/such/dir/f", std::string()}) {
+    const auto r = traceProbe({"trace Tolan 1 still seen"}).env("TRACEFILE", file).env("TRACEFORMAT", "handle").run();
+    EXPECT_TRUE(r.exitedWith(0)) << r.describe();
+    EXPECT_EQ(r.err,
+              "Error opening TRACEFILE=" + file + "\nDefaulting to std::cerr for trace output.\nTolan still seen\n");
+  }
 }
 
 TEST_F(TraceChildTest, TraceFileIsReconsideredBySetup) {
   const std::string a = dir_ + "/a.log", b = dir_ + "/b.log";
-  {
-    std::ofstream old(a);
-    old << "stale content\n";
-  }
-  // Same name again: the open file is kept (not truncated).
-  auto r = probe({"trace Tolan 1 one", "setup", "trace Tolan 1 two"}).env("TRACEFILE", a).env("TRACEFORMAT", "").run();
+  std::ofstream(a) << "stale content\n";
+  // Opening at load truncates; setup with the same name keeps the open file, a
+  // new name switches files, unset returns to stderr, and coming back truncates.
+  auto r = traceProbe({"trace Tolan 1 one", "setup", "trace Tolan 1 two", "setenv TRACEFILE " + b, "setup",
+                       "trace Tolan 1 three", "unsetenv TRACEFILE", "setup", "trace Tolan 1 four",
+                       "setenv TRACEFILE " + b, "setup", "trace Tolan 1 five"})
+               .env("TRACEFILE", a)
+               .env("TRACEFORMAT", "")
+               .run();
   ASSERT_TRUE(r.exitedWith(0)) << r.describe();
   EXPECT_EQ(slurp(a), "one\ntwo\n");
-  EXPECT_EQ(r.err, "");
-
-  // A new name switches files, unset returns to stderr, and coming back truncates.
-  r = probe({"trace Tolan 1 one", "setenv TRACEFILE " + b, "setup", "trace Tolan 1 two", "unsetenv TRACEFILE",
-             "setup", "trace Tolan 1 three", "setenv TRACEFILE " + a, "setup", "trace Tolan 1 four"})
-          .env("TRACEFILE", a)
-          .env("TRACEFORMAT", "")
-          .run();
-  ASSERT_TRUE(r.exitedWith(0)) << r.describe();
-  EXPECT_EQ(slurp(a), "four\n");
-  EXPECT_EQ(slurp(b), "two\n");
-  EXPECT_EQ(r.err, "three\n");
+  EXPECT_EQ(slurp(b), "five\n");
+  EXPECT_EQ(r.err, "four\n");
 
   // After a failed open, the next setup with a good name recovers.
-  r = probe({"trace Tolan 1 one", "setenv TRACEFILE " + b, "setup", "trace Tolan 1 two"})
+  r = traceProbe({"trace Tolan 1 one", "setenv TRACEFILE " + b, "setup", "trace Tolan 1 two"})
           .env("TRACEFILE", dir_)
           .env("TRACEFORMAT", "")
           .run();
-  EXPECT_THAT(r.err, testing::EndsWith("Defaulting to std::cerr for trace output.\none\n"));
+  EXPECT_THAT(r.err, EndsWith("Defaulting to std::cerr for trace output.\none\n"));
   EXPECT_EQ(slurp(b), "two\n");
 }
 
 TEST_F(TraceChildTest, ConcurrentLinesArriveWholeAndAllOfThem) {
   constexpr int kThreads = 8, kLines = 2000;
   const std::string file = dir_ + "/a.log";
-  const auto r = probe({"threads " + std::to_string(kThreads) + " " + std::to_string(kLines) + " TolanConc"})
-                     .env("TRACEFILE", file)
-                     .timeout(std::chrono::seconds(60))
-                     .run();
+  const auto r = traceProbe({fmt::format("threads {} {} TolanConc", kThreads, kLines)}).env("TRACEFILE", file).run();
   ASSERT_TRUE(r.exitedWith(0)) << r.describe();
 
-  // Lines look like "<date> <time> <tid> TolanConc 1 line t=3 i=17 DDD...D end".
   std::ifstream in(file);
-  const std::regex prefixRe(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d+ \d+)");
-  const std::string marker = " TolanConc 1 line t=";
+  const std::regex lineRe(R"(\d{4}-\d\d-\d\d [\d:.]+ \d+ TolanConc 1 line t=([0-7]) i=(\d+) ([A-H]{120}) end)");
   std::set<std::pair<int, int>> seen;
-  std::string line, bad;
   int count = 0;
-  while (std::getline(in, line)) {
-    ++count;
-    const size_t pos = line.find(marker);
-    int t = -1, i = -1, used = 0;
-    const bool ok = pos != std::string::npos && std::regex_match(line.substr(0, pos), prefixRe) &&
-                    std::sscanf(line.c_str() + pos + marker.size(), "%d i=%d %n", &t, &i, &used) == 2 && t >= 0 &&
-                    t < kThreads && line.compare(pos + marker.size() + used, std::string::npos,
-                                                 std::string(120, static_cast<char>('A' + t)) + " end") == 0;
-    if (!ok) {
-      if (bad.empty()) bad = line;
-      continue;
+  std::string line;
+  for (std::smatch m; std::getline(in, line); ++count) {
+    const bool whole = std::regex_match(line, m, lineRe) && m[3] == std::string(120, 'A' + std::stoi(m[1]));
+    if (!whole) {
+      ADD_FAILURE() << "torn line: " << line;
+      break;
     }
-    seen.emplace(t, i);
+    seen.emplace(std::stoi(m[1]), std::stoi(m[2]));
   }
-  EXPECT_EQ(bad, "") << "first torn line";
   EXPECT_EQ(count, kThreads * kLines);
   EXPECT_EQ(seen.size(), static_cast<size_t>(kThreads * kLines));
 }
