@@ -23,63 +23,50 @@ pthread_t self() noexcept { return threadsActive() ? pthread_self() : kNoThreads
 
 }  // namespace
 
-// Error-checking, so that a thread locking a Lock it already holds gets
-// EDEADLK (thrown as std::system_error) instead of hanging for ever.
-Lock::Lock() noexcept {
+namespace Impl {
+
+OwnedMutex::OwnedMutex(int type) noexcept {
   pthread_mutexattr_t attr;
   pthread_mutexattr_init(&attr);
-  pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_ERRORCHECK);
+  pthread_mutexattr_settype(&attr, type);
   pthread_mutex_init(&mutex_, &attr);
   pthread_mutexattr_destroy(&attr);
 }
 
-Lock::~Lock() { pthread_mutex_destroy(&mutex_); }
+OwnedMutex::~OwnedMutex() { pthread_mutex_destroy(&mutex_); }
 
-void Lock::lock() {
+void OwnedMutex::lock() {
   if (threadsActive()) {
     if (int rc = pthread_mutex_lock(&mutex_)) throw std::system_error(rc, std::generic_category(), "pthread_mutex_lock");
   }
   owner_.store(self(), std::memory_order_relaxed);
 }
 
-bool Lock::try_lock() noexcept {
+bool OwnedMutex::try_lock() noexcept {
   if (threadsActive() && pthread_mutex_trylock(&mutex_) != 0) return false;
   owner_.store(self(), std::memory_order_relaxed);
   return true;
 }
 
-bool Lock::owns_lock() const noexcept { return owner() == self(); }
+bool OwnedMutex::owns_lock() const noexcept { return owner() == self(); }
 
-void Lock::unlock() {
-  TOLAN_ASSERT(owns_lock(), "attempting to release a lock that is not currently held, owner:{} me:{}", owner(), self());
-  owner_.store(0, std::memory_order_relaxed);
+void OwnedMutex::release(bool lastLevel) noexcept {
+  if (lastLevel) owner_.store(0, std::memory_order_relaxed);
   if (threadsActive()) pthread_mutex_unlock(&mutex_);
 }
 
-RecursiveLock::RecursiveLock() noexcept {
-  pthread_mutexattr_t attr;
-  pthread_mutexattr_init(&attr);
-  pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_RECURSIVE);
-  pthread_mutex_init(&mutex_, &attr);
-  pthread_mutexattr_destroy(&attr);
+}  // namespace Impl
+
+// Error-checking, so that a thread locking a Lock it already holds gets
+// EDEADLK (thrown as std::system_error) instead of hanging for ever.
+Lock::Lock() noexcept : OwnedMutex(PTHREAD_MUTEX_ERRORCHECK) {}
+
+void Lock::unlock() {
+  TOLAN_ASSERT(owns_lock(), "attempting to release a lock that is not currently held, owner:{} me:{}", owner(), self());
+  release(true);
 }
 
-RecursiveLock::~RecursiveLock() { pthread_mutex_destroy(&mutex_); }
-
-void RecursiveLock::lock() {
-  if (threadsActive()) {
-    if (int rc = pthread_mutex_lock(&mutex_)) throw std::system_error(rc, std::generic_category(), "pthread_mutex_lock");
-  }
-  owner_.store(self(), std::memory_order_relaxed);
-}
-
-bool RecursiveLock::try_lock() noexcept {
-  if (threadsActive() && pthread_mutex_trylock(&mutex_) != 0) return false;
-  owner_.store(self(), std::memory_order_relaxed);
-  return true;
-}
-
-bool RecursiveLock::owns_lock() const noexcept { return owner() == self(); }
+RecursiveLock::RecursiveLock() noexcept : OwnedMutex(PTHREAD_MUTEX_RECURSIVE) {}
 
 // The recursion depth is the mutex's own counter: keeping a second count beside
 // it could only drift. Reading it is glibc-specific, as is this library.
@@ -93,8 +80,7 @@ void RecursiveLock::unlock() {
   TOLAN_ASSERT(owns_lock() && count != 0,
                "attempting to release a lock that is not currently held, owner:{} me:{} lockCount:{}", owner(), self(),
                count);
-  if (count == 1) owner_.store(0, std::memory_order_relaxed);
-  if (threadsActive()) pthread_mutex_unlock(&mutex_);
+  release(count == 1);
 }
 
 }  // namespace Locking

@@ -17,55 +17,55 @@
 namespace Tolan {
 namespace Locking {
 
-class Lock {
+namespace Impl {
+
+// What both locks share: a pthread mutex of a given type and its holder.
+class OwnedMutex {
  public:
-  Lock() noexcept;
-  ~Lock();
-  Lock(const Lock&) = delete;
-  Lock& operator=(const Lock&) = delete;
+  OwnedMutex(const OwnedMutex&) = delete;
+  OwnedMutex& operator=(const OwnedMutex&) = delete;
 
   // Blocks until the lock is held. A pthread failure is thrown as
-  // std::system_error carrying its error number; so is locking a Lock the
-  // caller already holds (EDEADLK), which would otherwise hang.
+  // std::system_error carrying its error number.
   void lock();
   // Takes the lock if it is free; returns false (never throws) otherwise.
   bool try_lock() noexcept;
   // True when the calling thread holds the lock.
   bool owns_lock() const noexcept;
-  // Releases the lock. Library assertion when the caller does not hold it.
-  void unlock();
-
   // Holding thread, 0 when free. For diagnostics only.
   pthread_t owner() const noexcept { return owner_.load(std::memory_order_relaxed); }
 
- private:
+ protected:
+  explicit OwnedMutex(int type) noexcept;
+  ~OwnedMutex();
+  // Clears the holder and releases one level of the mutex.
+  void release(bool lastLevel) noexcept;
+
   pthread_mutex_t mutex_;
   // Atomic only so that a non-holder may ask owns_lock() without a data race;
   // relaxed accesses compile to plain loads and stores.
   std::atomic<pthread_t> owner_{0};
 };
 
-class RecursiveLock {
+}  // namespace Impl
+
+// Non-recursive. Locking it again from the holding thread throws
+// std::system_error (EDEADLK) instead of hanging.
+class Lock : public Impl::OwnedMutex {
+ public:
+  Lock() noexcept;
+  // Releases the lock. Library assertion when the caller does not hold it.
+  void unlock();
+};
+
+// The holder may lock again, and must unlock as often.
+class RecursiveLock : public Impl::OwnedMutex {
  public:
   RecursiveLock() noexcept;
-  ~RecursiveLock();
-  RecursiveLock(const RecursiveLock&) = delete;
-  RecursiveLock& operator=(const RecursiveLock&) = delete;
-
-  // As for Lock; the holder may lock again, and must unlock as often.
-  void lock();
-  bool try_lock() noexcept;
-  bool owns_lock() const noexcept;
   // Releases one level. Library assertion when the caller does not hold it.
   void unlock();
-
-  pthread_t owner() const noexcept { return owner_.load(std::memory_order_relaxed); }
   // How often the holder has locked it (0 when free).
   unsigned lockCount() const noexcept;
-
- private:
-  pthread_mutex_t mutex_;
-  std::atomic<pthread_t> owner_{0};
 };
 
 // Locks on construction; unlocks on destruction unless told not to with
