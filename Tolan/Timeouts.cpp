@@ -23,6 +23,14 @@
 //
 // Each level has a 64-bit occupancy word, so finding passed non-empty slots
 // and the earliest slot is a mask and a count-trailing-zeros, not a scan.
+//
+// Each slot is split into kWays lists by the low bits of the expiry tick.
+// Moving a slot is a walk along linked links, and once the links no longer
+// fit in the cache every step of one walk is a memory round trip that waits
+// for the one before. Walking kWays lists side by side keeps that many
+// misses in flight: at a million timers this is what keeps start+expire
+// close to its cost at a thousand. Links of one tick share a way, so their
+// order is kept.
 
 struct timeout_list {
   struct timeout* first;
@@ -34,6 +42,7 @@ namespace {
 constexpr unsigned kSlotBits = 6;
 constexpr unsigned kSlots = 1u << kSlotBits;
 constexpr unsigned kLevels = (64 + kSlotBits - 1) / kSlotBits;  // 11
+constexpr unsigned kWays = 8;  // the bits of one uint8_t
 
 }  // namespace
 
@@ -41,8 +50,9 @@ struct timeouts {
   timeout_t hz;
   timeout_t current;
   uint64_t occupied[kLevels];
+  uint8_t ways[kLevels * kSlots];  // per slot, a bit for each non-empty way
   timeout_list expired;
-  timeout_list slots[kLevels * kSlots];
+  timeout_list slots[kLevels * kSlots * kWays];  // [level][slot][way]
 };
 
 namespace {
@@ -82,14 +92,17 @@ inline void place(timeouts* T, timeout* link) {
   }
   const unsigned level = levelOf(link->expires, T->current);
   const unsigned slot = static_cast<unsigned>(link->expires >> (level * kSlotBits)) & (kSlots - 1);
-  listAppend(&T->slots[level * kSlots + slot], link);
+  const unsigned way = static_cast<unsigned>(link->expires) & (kWays - 1);
+  const unsigned index = level * kSlots + slot;
+  listAppend(&T->slots[index * kWays + way], link);
+  T->ways[index] |= static_cast<uint8_t>(1u << way);
   T->occupied[level] |= uint64_t{1} << slot;
 }
 
 // The list must belong to T; anything else means a link shared between
 // wheels, which would corrupt both.
 inline bool ownsList(const timeouts* T, const timeout_list* list) {
-  return list == &T->expired || (list >= T->slots && list < T->slots + kLevels * kSlots);
+  return list == &T->expired || (list >= T->slots && list < T->slots + kLevels * kSlots * kWays);
 }
 
 void detachAll(timeout_list* list) {
@@ -126,8 +139,10 @@ void timeouts_close(struct timeouts* T) {
   if (!T) return;
   detachAll(&T->expired);
   for (unsigned level = 0; level < kLevels; ++level) {
-    for (uint64_t bits = T->occupied[level]; bits; bits &= bits - 1)
-      detachAll(&T->slots[level * kSlots + static_cast<unsigned>(__builtin_ctzll(bits))]);
+    for (uint64_t bits = T->occupied[level]; bits; bits &= bits - 1) {
+      const unsigned index = level * kSlots + static_cast<unsigned>(__builtin_ctzll(bits));
+      for (unsigned way = 0; way < kWays; ++way) detachAll(&T->slots[index * kWays + way]);
+    }
   }
   std::free(T);
 }
@@ -160,8 +175,10 @@ void timeouts_del(struct timeouts* T, struct timeout* link) {
                static_cast<void*>(T));
   listUnlink(list, link);
   if (list != &T->expired && !list->first) {
-    const auto index = static_cast<unsigned>(list - T->slots);
-    T->occupied[index / kSlots] &= ~(uint64_t{1} << (index % kSlots));
+    const auto position = static_cast<unsigned>(list - T->slots);
+    const unsigned index = position / kWays;  // level * kSlots + slot
+    T->ways[index] &= static_cast<uint8_t>(~(1u << (position % kWays)));
+    if (!T->ways[index]) T->occupied[index / kSlots] &= ~(uint64_t{1} << (index % kSlots));
   }
 }
 
@@ -169,7 +186,8 @@ void timeouts_update(struct timeouts* T, timeout_t curtick) {
   if (curtick <= T->current) return;
   // Gather the passed slots first and re-place afterwards, so that a link
   // moved down is not met again by this same update.
-  timeout_list moving{nullptr, nullptr};
+  timeout_list moving[kWays];
+  unsigned movingWays = 0;  // a bit for each way of `moving` in use
   for (unsigned level = 0; level < kLevels; ++level) {
     const unsigned shift = level * kSlotBits;
     const timeout_t from = T->current >> shift;
@@ -187,22 +205,44 @@ void timeouts_update(struct timeouts* T, timeout_t curtick) {
     uint64_t hit = T->occupied[level] & passed;
     T->occupied[level] &= ~hit;
     for (; hit; hit &= hit - 1) {
-      timeout_list* slot = &T->slots[level * kSlots + static_cast<unsigned>(__builtin_ctzll(hit))];
-      if (moving.last) {
-        moving.last->next = slot->first;
-        slot->first->prev = moving.last;
-      } else {
-        moving.first = slot->first;
+      const unsigned index = level * kSlots + static_cast<unsigned>(__builtin_ctzll(hit));
+      for (unsigned bits = T->ways[index]; bits; bits &= bits - 1) {
+        const unsigned way = static_cast<unsigned>(__builtin_ctz(bits));
+        timeout_list* src = &T->slots[index * kWays + way];
+        timeout_list* dst = &moving[way];
+        if (movingWays & (1u << way)) {
+          dst->last->next = src->first;
+          src->first->prev = dst->last;
+        } else {
+          dst->first = src->first;
+          movingWays |= 1u << way;
+        }
+        dst->last = src->last;
+        src->first = src->last = nullptr;
       }
-      moving.last = slot->last;
-      slot->first = slot->last = nullptr;
+      T->ways[index] = 0;
     }
   }
   T->current = curtick;
-  for (timeout* link = moving.first; link;) {
-    timeout* next = link->next;
-    place(T, link);
-    link = next;
+  // One step of every way per round: the next links of different ways do
+  // not depend on each other, so their cache misses overlap.
+  timeout* walk[kWays];
+  for (unsigned bits = movingWays; bits; bits &= bits - 1) {
+    const unsigned way = static_cast<unsigned>(__builtin_ctz(bits));
+    walk[way] = moving[way].first;
+  }
+  while (movingWays) {
+    for (unsigned bits = movingWays; bits; bits &= bits - 1) {
+      const unsigned way = static_cast<unsigned>(__builtin_ctz(bits));
+      timeout* link = walk[way];
+      timeout* next = link->next;
+      if (next)
+        __builtin_prefetch(next, 1);
+      else
+        movingWays &= ~(1u << way);
+      walk[way] = next;
+      place(T, link);
+    }
   }
 }
 
