@@ -27,10 +27,18 @@ Platform::DebugHandler& wheelDebug() {
   return **handler;
 }
 
-inline timeout_t currentTick(double now) { return now <= 0 ? 0 : static_cast<timeout_t>(std::ceil(now * 100.0)); }
-// Delays are clamped to kMaxTimeoutSeconds, so the product stays far below 2^64.
+// Delays are clamped to kMaxTimeoutSeconds, so the products stay far below
+// 2^63 and a signed conversion (one instruction, where floor() and ceil()
+// are library calls on baseline x86-64) truncates, which for positive values
+// is floor.
+inline timeout_t currentTick(double now) {
+  if (now <= 0) return 0;
+  const double x = now * 100.0;
+  const auto t = static_cast<int64_t>(x);
+  return static_cast<timeout_t>(t) + (static_cast<double>(t) < x ? 1 : 0);  // ceil
+}
 inline timeout_t expiryTick(double expire) {
-  return expire <= 0 ? 0 : static_cast<timeout_t>(std::floor(expire * 100.0));
+  return expire <= 0 ? 0 : static_cast<timeout_t>(static_cast<int64_t>(expire * 100.0));  // floor
 }
 
 const void* ptr(const TimerWheelEvent* ev) { return ev; }
