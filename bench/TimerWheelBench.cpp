@@ -50,10 +50,10 @@ std::vector<double> randomDelays(size_t n, double max, uint64_t seed) {
 
 struct WheelFixture {
   explicit WheelFixture(size_t n) {
+    const auto delays = randomDelays(n, kHourTicks, 1);
     const size_t before = heapInUse();
     T = timeouts_open(100, nullptr);
     links.resize(n);
-    const auto delays = randomDelays(n, kHourTicks, 1);
     for (size_t i = 0; i < n; ++i) {
       timeout_init(&links[i], 0);
       timeouts_add(T, &links[i], 1 + static_cast<timeout_t>(delays[i]));
@@ -113,8 +113,8 @@ void onEvent(evutil_socket_t, short, void* arg) { ++*static_cast<size_t*>(arg); 
 
 struct LibeventFixture {
   explicit LibeventFixture(size_t n) : base(event_base_new()) {
-    const size_t before = heapInUse();
     const auto delays = randomDelays(n, kHour, 4);
+    const size_t before = heapInUse();
     events.reserve(n);
     for (size_t i = 0; i < n; ++i) {
       events.push_back(evtimer_new(base, onEvent, &fired));
@@ -182,10 +182,10 @@ void BM_TimerWheel_StartStop(benchmark::State& state) {
   const size_t n = state.range(0);
   auto wheel = Tolan::getTimerWheelForTaskScheduler(Tolan::Platform::eventPriorityDefault);
   Count handler;
+  const auto delays = randomDelays(n, kHour, 7);
   const size_t before = heapInUse();
   std::vector<std::shared_ptr<Tolan::Platform::TimerControl>> timers;
   timers.reserve(n);
-  const auto delays = randomDelays(n, kHour, 7);
   for (size_t i = 0; i < n; ++i) {
     timers.push_back(Tolan::Platform::getTimerControl(&handler, wheel));
     timers.back()->setTimeout(delays[i]);
@@ -242,9 +242,15 @@ class SummaryReporter : public benchmark::ConsoleReporter {
 BENCHMARK(BM_TimerWheel_StartStop) TOLAN_SIZES;
 BENCHMARK(BM_Wheel_StartStop) TOLAN_SIZES;
 BENCHMARK(BM_Libevent_StartStop) TOLAN_SIZES;
-BENCHMARK(BM_TimerWheel_StartExpire) TOLAN_SIZES->Iterations(2)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_Wheel_StartExpire) TOLAN_SIZES->Iterations(3)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_Libevent_StartExpire) TOLAN_SIZES->Iterations(3)->Unit(benchmark::kMillisecond);
+// A whole run per iteration: many of the small ones, so that their figure is
+// not one run's noise, and few of the large ones.
+#define TOLAN_RUNS(bm, small) \
+  BENCHMARK(bm)->Arg(1000)->Iterations(small)->Unit(benchmark::kMillisecond); \
+  BENCHMARK(bm)->Arg(100000)->Iterations(small / 10 + 1)->Unit(benchmark::kMillisecond); \
+  BENCHMARK(bm)->Arg(1000000)->Iterations(3)->Unit(benchmark::kMillisecond)
+TOLAN_RUNS(BM_TimerWheel_StartExpire, 10);
+TOLAN_RUNS(BM_Wheel_StartExpire, 200);
+TOLAN_RUNS(BM_Libevent_StartExpire, 50);
 
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
