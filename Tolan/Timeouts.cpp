@@ -225,22 +225,18 @@ void timeouts_update(struct timeouts* T, timeout_t curtick) {
   }
   T->current = curtick;
   // One step of every way per round: the next links of different ways do
-  // not depend on each other, so their cache misses overlap.
-  timeout* walk[kWays];
-  for (unsigned bits = movingWays; bits; bits &= bits - 1) {
-    const unsigned way = static_cast<unsigned>(__builtin_ctz(bits));
-    walk[way] = moving[way].first;
-  }
+  // not depend on each other, so their cache misses overlap. Each way's
+  // `first` serves as its cursor.
   while (movingWays) {
     for (unsigned bits = movingWays; bits; bits &= bits - 1) {
       const unsigned way = static_cast<unsigned>(__builtin_ctz(bits));
-      timeout* link = walk[way];
+      timeout* link = moving[way].first;
       timeout* next = link->next;
       if (next)
         __builtin_prefetch(next, 1);
       else
         movingWays &= ~(1u << way);
-      walk[way] = next;
+      moving[way].first = next;
       place(T, link);
     }
   }
