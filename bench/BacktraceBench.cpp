@@ -19,13 +19,12 @@
 #include <libunwind.h>
 
 #include <cstdio>
-#include <map>
-#include <set>
 #include <stdexcept>
 #include <string>
 
 #include "Tolan/Backtrace.h"
 #include "Tolan/Exception.h"
+#include "BenchReporter.h"
 
 namespace {
 
@@ -196,31 +195,12 @@ BENCHMARK(Construct_StdRuntimeError);
 BENCHMARK(ThrowCatch_TolanRuntimeException);
 BENCHMARK(ThrowCatch_StdRuntimeError);
 
-// Keeps the console output and remembers each benchmark's CPU time per
-// iteration: the median when run with --benchmark_repetitions, else the run.
-class RecordingReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    for (const Run& run : runs) {
-      if (run.run_type == Run::RT_Aggregate && run.aggregate_name == "median") {
-        nanos[run.run_name.function_name] = run.GetAdjustedCPUTime();
-        medians.insert(run.run_name.function_name);
-      } else if (run.run_type == Run::RT_Iteration && run.iterations > 0 &&
-                 !medians.count(run.run_name.function_name)) {
-        nanos[run.run_name.function_name] = run.GetAdjustedCPUTime();
-      }
-    }
-    ConsoleReporter::ReportRuns(runs);
-  }
-  std::map<std::string, double> nanos;
-  std::set<std::string> medians;
-};
-
-void printRatio(const RecordingReporter& r, const char* what, const std::string& ours, const std::string& peer) {
-  const auto a = r.nanos.find(ours);
-  const auto b = r.nanos.find(peer);
-  if (a == r.nanos.end() || b == r.nanos.end() || b->second <= 0) return;
-  std::printf("  %-44s %8.1f ns vs %8.1f ns  ratio %.2f\n", what, a->second, b->second, a->second / b->second);
+void printRatio(const TolanBench::KeepingReporter& r, const char* what, const std::string& ours,
+                const std::string& peer) {
+  const double a = r.cpuNs(ours);
+  const double b = r.cpuNs(peer);
+  if (a < 0 || b <= 0) return;
+  std::printf("  %-44s %8.1f ns vs %8.1f ns  ratio %.2f\n", what, a, b, a / b);
 }
 
 }  // namespace
@@ -228,7 +208,7 @@ void printRatio(const RecordingReporter& r, const char* what, const std::string&
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  RecordingReporter reporter;
+  TolanBench::KeepingReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
   std::printf("\nSummary (CPU time per operation, %d-frame stack):\n", kStackFrames);
   printRatio(reporter, "Tolan::Backtrace / unw_backtrace", "Capture_Tolan", "Capture_unw_backtrace");

@@ -11,7 +11,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <map>
 #include <memory>
 #include <random>
 #include <string>
@@ -19,6 +18,7 @@
 
 #include "Tolan/LibeventFactory.h"
 #include "Tolan/Platform.h"
+#include "BenchReporter.h"
 
 using namespace Tolan;
 using namespace Tolan::Platform;
@@ -184,50 +184,22 @@ void BM_FastForwardStep(benchmark::State& state) {
 }
 BENCHMARK(BM_FastForwardStep)->Arg(10000)->ComputeStatistics("min", minimum)->Unit(benchmark::kMicrosecond);
 
-// Remembers each run's CPU time per iteration for the summary.
-class Recorder : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    for (const Run& r : runs) ns[r.benchmark_name()] = r.GetAdjustedCPUTime() * multiplier(r.time_unit);
-    ConsoleReporter::ReportRuns(runs);
-  }
-  static double multiplier(benchmark::TimeUnit u) {
-    switch (u) {
-      case benchmark::kSecond:
-        return 1e9;
-      case benchmark::kMillisecond:
-        return 1e6;
-      case benchmark::kMicrosecond:
-        return 1e3;
-      default:
-        return 1.0;
-    }
-  }
-  std::map<std::string, double> ns;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  Recorder recorder;
-  benchmark::RunSpecifiedBenchmarks(&recorder);
-  auto lookup = [&recorder](const std::string& name) {
-    auto it = recorder.ns.find(name + "_min");
-    return it != recorder.ns.end() ? it : recorder.ns.find(name);
-  };
+  TolanBench::KeepingReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
   std::printf("\nTolan / raw libevent, CPU time per operation (goal <= 1.20):\n");
   for (const char* pair : {"Callback", "Timer", "Pipe"}) {
-    const auto ours = lookup(std::string("BM_") + pair + "_Tolan");
-    const auto raw = lookup(std::string("BM_") + pair + "_Raw");
-    if (ours == recorder.ns.end() || raw == recorder.ns.end()) continue;
-    std::printf("  %-9s %8.1f ns vs %8.1f ns  ratio %.3f\n", pair, ours->second, raw->second,
-                ours->second / raw->second);
+    const double ours = reporter.cpuNs(std::string("BM_") + pair + "_Tolan", "min");
+    const double raw = reporter.cpuNs(std::string("BM_") + pair + "_Raw", "min");
+    if (ours < 0 || raw <= 0) continue;
+    std::printf("  %-9s %8.1f ns vs %8.1f ns  ratio %.3f\n", pair, ours, raw, ours / raw);
   }
-  const auto step = lookup("BM_FastForwardStep/10000");
-  if (step != recorder.ns.end())
-    std::printf("One fast-forward step with 10000 pending timers: %.1f us\n", step->second / 1e3);
+  const double step = reporter.cpuNs("BM_FastForwardStep/10000", "min");
+  if (step >= 0) std::printf("One fast-forward step with 10000 pending timers: %.1f us\n", step / 1e3);
   benchmark::Shutdown();
   return 0;
 }

@@ -8,12 +8,12 @@
 #include <cstdint>
 #include <cstdio>
 #include <functional>
-#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "Tolan/HashMix.h"
+#include "BenchReporter.h"
 
 namespace {
 
@@ -76,26 +76,14 @@ BENCHMARK(BM_XXH64) HASH_SIZES;
 BENCHMARK(BM_XXH3) HASH_SIZES;
 BENCHMARK(BM_StdHash) HASH_SIZES;
 
-// Remembers the CPU time per iteration of every run for the summary (CPU
-// rather than wall time: the machines we share are often busy).
-class Collector : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    for (const Run& r : runs) {
-      if (r.run_type == Run::RT_Iteration && r.iterations > 0) times[r.benchmark_name()] = r.GetAdjustedCPUTime();
-    }
-    ConsoleReporter::ReportRuns(runs);
-  }
-  std::map<std::string, double> times;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  Collector collector;
-  benchmark::RunSpecifiedBenchmarks(&collector);
+  // CPU rather than wall time: the machines we share are often busy.
+  TolanBench::KeepingReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
   benchmark::Shutdown();
 
   const struct {
@@ -106,12 +94,12 @@ int main(int argc, char** argv) {
   std::printf("\nSpeed-up of ours over each peer (peer CPU time / ours; > 1 means ours is faster):\n");
   for (const auto& row : rows) {
     for (const char* size : {"16", "64", "4096"}) {
-      auto ours = collector.times.find(std::string(row.ours) + "/" + size);
-      if (ours == collector.times.end()) continue;
+      const double ours = reporter.cpuNs(std::string(row.ours) + "/" + size);
+      if (ours <= 0) continue;
       std::printf("  %-15s %5s B:", row.ours + 3, size);
       for (const char* peer : row.peers) {
-        auto it = collector.times.find(std::string(peer) + "/" + size);
-        if (it != collector.times.end()) std::printf("  %s %.2fx", peer + 3, it->second / ours->second);
+        const double theirs = reporter.cpuNs(std::string(peer) + "/" + size);
+        if (theirs > 0) std::printf("  %s %.2fx", peer + 3, theirs / ours);
       }
       std::printf("\n");
     }

@@ -27,6 +27,7 @@
 #include "Tolan/Platform.h"
 #include "Tolan/TimerWheel.h"
 #include "Tolan/Timeouts.h"
+#include "BenchReporter.h"
 
 namespace {
 
@@ -221,21 +222,6 @@ void BM_TimerWheel_StartExpire(benchmark::State& state) {
   state.counters["timers"] = n;
 }
 
-// Collects ns per timer of every run for the summary.
-class SummaryReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    ConsoleReporter::ReportRuns(runs);
-    for (const Run& run : runs) {
-      if (run.error_occurred || run.run_type != Run::RT_Iteration) continue;
-      const auto timers = run.counters.find("timers");
-      const double ns = run.GetAdjustedCPUTime() / benchmark::GetTimeUnitMultiplier(run.time_unit) * 1e9;
-      nsPerTimer[run.benchmark_name()] = ns / (timers == run.counters.end() ? 1.0 : timers->second.value);
-    }
-  }
-  std::map<std::string, double> nsPerTimer;
-};
-
 }  // namespace
 
 #define TOLAN_SIZES ->Arg(1000)->Arg(100000)->Arg(1000000)
@@ -254,13 +240,13 @@ TOLAN_RUNS(BM_Libevent_StartExpire, 50);
 
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
-  SummaryReporter reporter;
+  TolanBench::KeepingReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
+  // CPU ns per timer, 0 when it did not run.
   auto ns = [&](const std::string& name, int64_t n) {
     const std::string key = name + "/" + std::to_string(n);
-    for (const auto& [k, v] : reporter.nsPerTimer)
-      if (k == key || k.rfind(key + "/", 0) == 0) return v;
-    return 0.0;
+    const double perRun = reporter.cpuNs(key);
+    return perRun < 0 ? 0.0 : perRun / reporter.counter(key, "timers", 1.0);
   };
   std::printf("\nSummary (CPU ns per timer; bytes per live timer)\n");
   std::printf("%-10s %-28s %12s %12s %12s\n", "timers", "", "TimerWheel", "wheel alone", "libevent");

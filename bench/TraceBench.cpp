@@ -22,12 +22,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
-#include <map>
 #include <memory>
 #include <string>
 #include <unistd.h>
 
 #include "Tolan/Debug.h"
+#include "BenchReporter.h"
 
 namespace {
 
@@ -123,32 +123,12 @@ BENCHMARK(BM_Disabled_Spdlog);
 BENCHMARK(BM_FileLine_Tolan);
 BENCHMARK(BM_FileLine_Spdlog);
 
-// Console output as usual, and the per-item time of every run kept by name:
-// of the median when there are repetitions, else of the single run.
-class SummaryReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    ConsoleReporter::ReportRuns(runs);
-    for (const Run& run : runs) {
-      if (run.error_occurred) continue;
-      const bool aggregate = run.run_type == Run::RT_Aggregate;
-      if (aggregate && run.aggregate_name != "median") continue;
-      const std::string name = run.run_name.function_name;
-      if (!aggregate && medianSeen_.count(name)) continue;
-      if (aggregate) medianSeen_[name] = true;
-      auto items = run.counters.find("items_per_second");
-      if (items == run.counters.end() || items->second.value <= 0) continue;
-      nsPerItem_[name] = 1e9 / items->second.value;
-    }
-  }
-
-  bool has(const std::string& name) const { return nsPerItem_.count(name) != 0; }
-  double ns(const std::string& name) const { return nsPerItem_.at(name); }
-
- private:
-  std::map<std::string, double> nsPerItem_;
-  std::map<std::string, bool> medianSeen_;
-};
+// Nanoseconds per item of a run (median with repetitions), or -1 when it did
+// not run.
+double nsPerItem(const TolanBench::KeepingReporter& r, const std::string& name) {
+  const double items = r.counter(name, "items_per_second", 0.0);
+  return items > 0 ? 1e9 / items : -1.0;
+}
 
 long countLines(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
@@ -167,24 +147,26 @@ void printFirstLine(const char* label, const std::string& path) {
 }
 
 // Prints the figures and ratios; returns false if a file lost or gained lines.
-bool summarise(const SummaryReporter& r) {
+bool summarise(const TolanBench::KeepingReporter& r) {
   bool ok = true;
   std::printf("\nSummary\n");
-  if (r.has("BM_Loop_Empty") && r.has("BM_Disabled_Tolan") && r.has("BM_Disabled_Spdlog")) {
-    const double empty = r.ns("BM_Loop_Empty");
-    const double tolan = r.ns("BM_Disabled_Tolan");
-    const double spd = r.ns("BM_Disabled_Spdlog");
-    std::printf("  disabled call, ns per loop iteration: empty loop %.3f, Tolan %.3f, spdlog %.3f\n", empty, tolan,
-                spd);
-    std::printf("  disabled call, ns added to the loop:  Tolan %.3f, spdlog %.3f\n", tolan - empty, spd - empty);
+  const double empty = nsPerItem(r, "BM_Loop_Empty");
+  const double disabledTolan = nsPerItem(r, "BM_Disabled_Tolan");
+  const double disabledSpd = nsPerItem(r, "BM_Disabled_Spdlog");
+  if (empty >= 0 && disabledTolan >= 0 && disabledSpd >= 0) {
+    std::printf("  disabled call, ns per loop iteration: empty loop %.3f, Tolan %.3f, spdlog %.3f\n", empty,
+                disabledTolan, disabledSpd);
+    std::printf("  disabled call, ns added to the loop:  Tolan %.3f, spdlog %.3f\n", disabledTolan - empty,
+                disabledSpd - empty);
     std::printf("  disabled ratio Tolan/spdlog: %.3f per iteration, %.3f of added cost (goal <= 0.2, Tolan < 1 ns)\n",
-                tolan / spd, (spd - empty) > 0 ? (tolan - empty) / (spd - empty) : 0.0);
+                disabledTolan / disabledSpd,
+                (disabledSpd - empty) > 0 ? (disabledTolan - empty) / (disabledSpd - empty) : 0.0);
   }
-  if (r.has("BM_FileLine_Tolan") && r.has("BM_FileLine_Spdlog")) {
-    const double tolan = r.ns("BM_FileLine_Tolan");
-    const double spd = r.ns("BM_FileLine_Spdlog");
-    std::printf("  file lines per second: Tolan %.0f, spdlog %.0f\n", 1e9 / tolan, 1e9 / spd);
-    std::printf("  file rate ratio Tolan/spdlog: %.3f (goal >= 1.0)\n", spd / tolan);
+  const double fileTolan = nsPerItem(r, "BM_FileLine_Tolan");
+  const double fileSpd = nsPerItem(r, "BM_FileLine_Spdlog");
+  if (fileTolan >= 0 && fileSpd >= 0) {
+    std::printf("  file lines per second: Tolan %.0f, spdlog %.0f\n", 1e9 / fileTolan, 1e9 / fileSpd);
+    std::printf("  file rate ratio Tolan/spdlog: %.3f (goal >= 1.0)\n", fileSpd / fileTolan);
   }
   if (gTolanLines || gSpdlogLines) {
     gFileLogger->flush();
@@ -236,7 +218,7 @@ int main(int argc, char** argv) {
 
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  SummaryReporter reporter;
+  TolanBench::KeepingReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
   const bool ok = summarise(reporter);
   benchmark::Shutdown();
