@@ -17,14 +17,7 @@ using TolanTest::kInf;
 
 namespace {
 
-// libevent's debug mode turns misuse (deleting an unassigned event,
-// re-assigning an added one) into fatal errors; it must be on before any
-// base exists.
-const bool debugModeOn = [] {
-  event_enable_debug_mode();
-  throwOnAssertFailIs(true);
-  return true;
-}();
+const bool debugModeOn = TolanTest::debugModeAndThrowingAssertions();
 
 struct Pipe {
   Pipe() { EXPECT_EQ(::pipe(fds), 0); }

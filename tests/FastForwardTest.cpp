@@ -18,11 +18,7 @@ using TolanTest::realSeconds;
 
 namespace {
 
-const bool debugModeOn = [] {
-  event_enable_debug_mode();
-  throwOnAssertFailIs(true);
-  return true;
-}();
+const bool debugModeOn = TolanTest::debugModeAndThrowingAssertions();
 
 // The event library keeps microseconds; instants are truncated to them.
 constexpr double kResolution = 2e-6;

@@ -1,6 +1,7 @@
 // Helpers for the tests of the event platform and the timer wheel.
 #pragma once
 
+#include <event2/event.h>
 #include <gmock/gmock.h>
 #include <unistd.h>
 
@@ -10,6 +11,7 @@
 #include <stdexcept>
 #include <vector>
 
+#include "Tolan/Assert.h"
 #include "Tolan/Exception.h"
 #include "Tolan/Platform.h"
 
@@ -20,6 +22,16 @@
 namespace TolanTest {
 
 constexpr double kInf = std::numeric_limits<double>::infinity();
+
+// Turns on libevent's debug mode, which makes misuse (deleting an unassigned
+// event, re-assigning an added one) a fatal error, and makes library
+// assertions throw. Debug mode must be on before any base exists, so call it
+// from a namespace-scope initializer.
+inline bool debugModeAndThrowingAssertions() {
+  event_enable_debug_mode();
+  Tolan::throwOnAssertFailIs(true);
+  return true;
+}
 
 // Counts every kind of notification and stamps timeouts with Tolan::time().
 // After each notification `then` runs, and then it throws if asked to.
