@@ -12,6 +12,11 @@
 // them out of the caller's instruction stream.
 #define TOLAN_COLD __attribute__((cold, noinline))
 
+// Marks the library's public interface. The library is built with hidden
+// visibility, so only what carries this mark (classes, with their vtables and
+// type information, and free functions) is exported from libTolan.so.
+#define TOLAN_EXPORT __attribute__((visibility("default")))
+
 namespace Tolan {
 
 using String = std::string;
