@@ -1,10 +1,15 @@
-// The process assertion must report even in builds that define NDEBUG.
-#undef NDEBUG
+// The failure path of the library assertion. Assert.h, which every layer of
+// the library includes, only declares it; this body needs the trace output
+// and the exceptions, and runs only once an assertion has failed.
 #include "Tolan/Assert.h"
 
-#include <assert.h>
+#include <exception>
+#include <string>
 
 #include "Tolan/Debug.h"
+#include "Tolan/DebugOutput.h"
+#include "Tolan/Exception.h"
+#include "Tolan/Impl/MessageBuffer.h"
 
 namespace Tolan {
 
@@ -23,17 +28,13 @@ void debugAndThrowAssertException(Platform::DebugHandler& handler, unsigned leve
 
 namespace Impl {
 
-void processAssertFail(const char* text, const char* file, unsigned line, const char* func) noexcept {
-  __assert_fail(text, file, line, func);
-}
-
 void assertFailV(const char* file, int line, bool withClass, const char* func, const char* className,
                  fmt::string_view format, fmt::format_args args) {
   String msg;
   try {
     msg = Fmt::Impl::vformatstr(file, line, withClass, func, className, format, args);
     // Level 0 is traced even when switched off: an assertion must always be seen.
-    Fmt::Impl::dumpDebugMsg(msg.data(), msg.size(), 0, TOLAN_DEFAULT_HANDLE, file, func, line);
+    Platform::dumpDebugMsg(msg.data(), static_cast<unsigned>(msg.size()), 0, TOLAN_DEFAULT_HANDLE, file, func, line);
   } catch (...) {
     // A broken format string (or no memory) must not replace the assertion
     // with some other exception a caller might catch: the process ends, and

@@ -4,21 +4,23 @@
 // library. On failure it builds "file:line: message" (with "Class::func() "
 // before the message for TOLAN_ASSERT_C), traces it at level 0 on
 // TOLAN_DEFAULT_HANDLE whether or not level 0 is enabled, and then either
-// throws Tolan::AssertException (after Tolan::throwOnAssertFailIs(true)) or
-// writes "Tolan::Assert aborting because: <message>" and ends the process
-// through std::terminate() (whose handler adds the stack, see Exception.h).
+// throws Tolan::AssertException (after Tolan::throwOnAssertFailIs(true), see
+// Exception.h) or writes "Tolan::Assert aborting because: <message>" and ends
+// the process through std::terminate() (whose handler adds the stack).
 //
 // Cost on the passing path: the condition and one predicted branch. The
 // arguments are evaluated and the message is built only on failure, in a cold
 // out-of-line function.
 //
-// TOLAN_PROCESS_ASSERT(cond, "text") is for conditions the library itself can
-// never recover from (a registry touched without the global lock, say): it
-// always aborts through the C library's assertion report, even under NDEBUG.
+// This header is only the interface, so that code at every layer of the
+// library may assert: the failure path (trace, then throw or abort) lives with
+// the exceptions. Conditions the library can never recover from use
+// TOLAN_PROCESS_ASSERT (Common.h) instead. Any thread may assert.
 #pragma once
 
-#include "Tolan/Exception.h"
-#include "Tolan/Fmt.h"
+#include <fmt/core.h>
+
+#include "Tolan/Common.h"
 
 #define TOLAN_ASSERT(cond, ...)                                                                     \
   do {                                                                                              \
@@ -37,10 +39,6 @@
 #define TOLAN_FAIL(...) ::Tolan::Impl::assertFail(__FILE__, __LINE__, false, __func__, nullptr, __VA_ARGS__)
 #define TOLAN_FAIL_C(Class, ...) ::Tolan::Impl::assertFail(__FILE__, __LINE__, true, __func__, #Class, __VA_ARGS__)
 
-#define TOLAN_PROCESS_ASSERT(cond, text) \
-  (TOLAN_LIKELY(cond) ? static_cast<void>(0)             \
-                      : ::Tolan::Impl::processAssertFail(text, __FILE__, __LINE__, __PRETTY_FUNCTION__))
-
 namespace Tolan {
 namespace Platform {
 class DebugHandler;
@@ -51,19 +49,15 @@ class DebugStream;
 // stream's text on `handler` at `level` (whether or not that level is on),
 // then raises AssertException::throwException() with "file:func:line: " and
 // the text. Never returns.
-[[noreturn]] void debugAndThrowAssertException(Platform::DebugHandler& handler, unsigned level,
-                                               Platform::DebugStream& stream, const char* file, const char* func,
-                                               int line);
+[[noreturn]] TOLAN_EXPORT void debugAndThrowAssertException(Platform::DebugHandler& handler, unsigned level,
+                                                            Platform::DebugStream& stream, const char* file,
+                                                            const char* func, int line);
 
 namespace Impl {
 
-// The C library's assertion report and abort, available even under NDEBUG.
-[[noreturn]] TOLAN_COLD void processAssertFail(const char* text, const char* file, unsigned line,
-                                               const char* func) noexcept;
-
 // Out-of-line body of every failed assertion. Never returns.
-[[noreturn]] void assertFailV(const char* file, int line, bool withClass, const char* func, const char* className,
-                              fmt::string_view format, fmt::format_args args);
+[[noreturn]] TOLAN_EXPORT void assertFailV(const char* file, int line, bool withClass, const char* func,
+                                           const char* className, fmt::string_view format, fmt::format_args args);
 
 template <typename... Args>
 [[noreturn]] TOLAN_COLD void assertFail(const char* file, int line, bool withClass, const char* func,

@@ -110,7 +110,7 @@ struct TrackerState {
 };
 
 TrackerState& tracker() {
-  static TrackerState* const state = new TrackerState;
+  static NoDestructor<TrackerState> state;
   return *state;
 }
 

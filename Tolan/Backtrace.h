@@ -20,13 +20,14 @@
 #include <atomic>
 #include <cstdint>
 #include <iosfwd>
+#include <string>
 #include <vector>
 
 #include "Tolan/Common.h"
 
 namespace Tolan {
 
-class Backtrace {
+class TOLAN_EXPORT Backtrace {
  public:
   static constexpr uint32_t kMaxFrames = 100;
 
@@ -73,7 +74,7 @@ class Backtrace {
 };
 
 // One remembered exception: its message and the stack where it was made.
-class TrackedBacktrace {
+class TOLAN_EXPORT TrackedBacktrace {
  public:
   TrackedBacktrace(const String& message, const Backtrace& backtrace) : message_(message), backtrace_(backtrace) {}
 
@@ -91,7 +92,7 @@ class TrackedBacktrace {
 // storage; enabled, it keeps the newest `capacity()` entries (100 unless
 // changed), overwriting the oldest. All members are static and thread-safe;
 // the buffer has its own lock.
-class BacktraceTracker {
+class TOLAN_EXPORT BacktraceTracker {
  public:
   BacktraceTracker() = delete;
 
@@ -130,6 +131,6 @@ class BacktraceTracker {
 
 // The readable form of a mangled name (a type_info name, say). Text that is
 // not a mangled name is returned unchanged; null gives "".
-String typeName(const char* mangled);
+TOLAN_EXPORT String typeName(const char* mangled);
 
 }  // namespace Tolan

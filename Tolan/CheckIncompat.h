@@ -11,7 +11,9 @@
 // the trace output and the fork handling.
 #pragma once
 
-extern int platformLibPresenceFlag;
+#include "Tolan/Common.h"
+
+extern TOLAN_EXPORT int platformLibPresenceFlag;
 
 namespace Tolan {
 
@@ -23,6 +25,6 @@ constexpr int PLATFORM_LIB_FLAG_TOLAN = 2;
 // RTLD_NOLOAD | RTLD_GLOBAL, which loads nothing but makes the library's
 // symbols global, so plugins opened later resolve against it even when the
 // library itself was dlopen'ed locally. Called at load; calling again is harmless.
-void checkIncompat();
+TOLAN_EXPORT void checkIncompat();
 
 }  // namespace Tolan

@@ -1,12 +1,17 @@
 #include "Tolan/ConstStringCache.h"
 
+#include <fmt/format.h>
+
+#include <memory>
+
 #include "Tolan/Assert.h"
 
 namespace Tolan {
 
 const std::string& ConstStringRef::emptyString() noexcept {
-  static const std::string empty;
-  return empty;
+  // Never destroyed: references may be read while static destructors run.
+  static const NoDestructor<std::string> empty;
+  return *empty;
 }
 
 void ConstStringRef::Elem::release() const {
@@ -57,3 +62,8 @@ void ConstStringCache::eraseElem(const ConstStringRef::Elem& elem) {
 }
 
 }  // namespace Tolan
+
+fmt::format_context::iterator fmt::formatter<Tolan::ConstStringRef>::format(const Tolan::ConstStringRef& ref,
+                                                                            format_context& ctx) const {
+  return formatter<string_view>::format(string_view(ref.str()), ctx);
+}

@@ -19,12 +19,10 @@
 // (counts are plain integers).
 #pragma once
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <cstddef>
 #include <cstdint>
-#include <functional>
-#include <memory>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -36,7 +34,7 @@ namespace Tolan {
 
 class ConstStringCache;
 
-class ConstStringRef {
+class TOLAN_EXPORT ConstStringRef {
  public:
   // One interned string: its cache, the text and the count of references.
   class Elem {
@@ -131,7 +129,7 @@ class ConstStringRef {
   const Elem* elem_ = nullptr;
 };
 
-class ConstStringCache {
+class TOLAN_EXPORT ConstStringCache {
  public:
   ConstStringCache() = default;
   ConstStringCache(const ConstStringCache&) = delete;
@@ -173,8 +171,5 @@ struct hash<Tolan::ConstStringRef> {
 
 template <>
 struct fmt::formatter<Tolan::ConstStringRef> : fmt::formatter<fmt::string_view> {
-  template <typename FormatContext>
-  auto format(const Tolan::ConstStringRef& ref, FormatContext& ctx) const -> decltype(ctx.out()) {
-    return fmt::formatter<fmt::string_view>::format(fmt::string_view(ref.str()), ctx);
-  }
+  TOLAN_EXPORT format_context::iterator format(const Tolan::ConstStringRef& ref, format_context& ctx) const;
 };

@@ -3,8 +3,14 @@
 #include <cstdlib>
 #include <functional>
 #include <iostream>
+#include <map>
+#include <typeinfo>
+#include <unordered_map>
 
 #include "Tolan/Assert.h"
+#include "Tolan/DebugOutput.h"
+#include "Tolan/Impl/MessageBuffer.h"
+#include "Tolan/Impl/TraceOutput.h"
 #include "Tolan/Loco.h"
 
 // The registry is three containers: every live handler by name (a multimap:
@@ -20,6 +26,10 @@
 //
 // The containers are created on first use and never destroyed: handlers are
 // destroyed by static destructors in arbitrary order and must still find them.
+//
+// This unit also carries a trace line from the call site to the sink: it
+// formats the message and hands it over with the handler's name, so that
+// the sink (DebugOutput.cpp) needs to know nothing about handlers.
 
 Tolan::Platform::DebugHandler* TOLAN_DEFAULT_HANDLE = nullptr;
 
@@ -30,9 +40,18 @@ using HandlerMap = std::multimap<String, Orn::DebugHandler*>;
 using SpecificMap = std::unordered_map<String, Orn::DebugControl*>;
 using WildcardMap = std::map<String, Orn::DebugControl*, std::greater<String>>;
 
-HandlerMap* gHandlers = nullptr;
-SpecificMap* gSpecific = nullptr;
-WildcardMap* gWildcard = nullptr;
+HandlerMap& handlers() {
+  static NoDestructor<HandlerMap> map;
+  return *map;
+}
+SpecificMap& specificRules() {
+  static NoDestructor<SpecificMap> map;
+  return *map;
+}
+WildcardMap& wildcardRules() {
+  static NoDestructor<WildcardMap> map;
+  return *map;
+}
 
 bool startsWith(const String& s, const String& prefix) noexcept { return s.compare(0, prefix.size(), prefix) == 0; }
 
@@ -46,23 +65,19 @@ String levelDigits(uint16_t mask) {
 
 bool locoHeld() { return Platform::loco().owns_lock(); }
 
-// Splits a control string and applies each "name/levels" item in turn.
+// Splits a control string and applies each "name/levels" item in turn. An
+// empty item is applied too, as the empty name with no levels.
 template <typename Apply>
 void forEachControlItem(const char* spec, Apply apply) {
-  const String copy(spec);
-  size_t begin = 0;
-  while (true) {
-    const size_t comma = copy.find(',', begin);
-    const String item = copy.substr(begin, comma == String::npos ? String::npos : comma - begin);
+  Impl::forEachCommaItem(spec, [&apply](std::string_view item) {
     const size_t slash = item.find('/');
-    if (slash == String::npos) {
-      apply(item, String());
+    if (slash == std::string_view::npos) {
+      apply(String(item), String());
     } else {
-      apply(item.substr(0, slash), item.substr(slash + 1));
+      apply(String(item.substr(0, slash)), String(item.substr(slash + 1)));
     }
-    if (comma == String::npos) break;
-    begin = comma + 1;
-  }
+    return true;
+  });
 }
 
 void applyControlString(const char* spec) {
@@ -85,23 +100,23 @@ DebugHandler::DebugHandler(const String& name, int levels, bool pinned)
     : Platform::DebugHandler(static_cast<uint16_t>(levels)), name_(name), pinned_(pinned) {
   TOLAN_PROCESS_ASSERT(locoHeld(), "DebugHandler::DebugHandler() no loco");
   initialize();
-  gHandlers->emplace(name_, this);
+  handlers().emplace(name_, this);
 }
 
 DebugHandler::DebugHandler(const String& name, uint16_t* externalLevels, bool pinned)
     : Platform::DebugHandler(0, externalLevels), name_(name), pinned_(pinned) {
   TOLAN_PROCESS_ASSERT(locoHeld(), "DebugHandler::DebugHandler() no loco");
   initialize();
-  gHandlers->emplace(name_, this);
+  handlers().emplace(name_, this);
 }
 
 DebugHandler::~DebugHandler() {
   Platform::LocoGuard guard;
-  if (!gHandlers) return;
-  auto range = gHandlers->equal_range(name_);
+  HandlerMap& all = handlers();
+  auto range = all.equal_range(name_);
   for (auto it = range.first; it != range.second; ++it) {
     if (it->second == this) {
-      gHandlers->erase(it);
+      all.erase(it);
       break;
     }
   }
@@ -139,14 +154,14 @@ void DebugHandler::clearLevels(uint16_t mask) noexcept {
 
 void DebugHandler::initialize() {
   TOLAN_ASSERT(locoHeld(), "no loco");
-  if (!gHandlers) gHandlers = new HandlerMap;
+  handlers();
 }
 
 void DebugHandler::printAll() {
   Platform::LocoGuard guard;
   initialize();
   std::cout << "Handlers:" << std::endl;
-  for (const auto& entry : *gHandlers) std::cout << "    " << entry.second->displayString() << std::endl;
+  for (const auto& entry : handlers()) std::cout << "    " << entry.second->displayString() << std::endl;
 }
 
 // ---------------------------------------------------------------------------
@@ -157,9 +172,9 @@ DebugControl::DebugControl(const String& name, int levels, bool wildcard)
   TOLAN_PROCESS_ASSERT(locoHeld(), "DebugControl::DebugControl() no loco");
   initialize();
   if (wildcard_) {
-    (*gWildcard)[name_] = this;
+    wildcardRules()[name_] = this;
   } else {
-    (*gSpecific)[name_] = this;
+    specificRules()[name_] = this;
   }
 }
 
@@ -168,11 +183,11 @@ DebugControl::~DebugControl() {
   // Only remove the entry if it is still ours: a later rule of the same name
   // may have replaced it.
   if (wildcard_) {
-    auto it = gWildcard->find(name_);
-    if (it != gWildcard->end() && it->second == this) gWildcard->erase(it);
+    auto it = wildcardRules().find(name_);
+    if (it != wildcardRules().end() && it->second == this) wildcardRules().erase(it);
   } else {
-    auto it = gSpecific->find(name_);
-    if (it != gSpecific->end() && it->second == this) gSpecific->erase(it);
+    auto it = specificRules().find(name_);
+    if (it != specificRules().end() && it->second == this) specificRules().erase(it);
   }
 }
 
@@ -204,7 +219,7 @@ uint16_t DebugControl::parseLevels(const String& spec) {
 DebugControl* DebugControl::findWildcard(String name) {
   TOLAN_PROCESS_ASSERT(locoHeld(), "DebugControl::findWildcard() no loco");
   initialize();
-  for (const auto& entry : *gWildcard) {
+  for (const auto& entry : wildcardRules()) {
     if (startsWith(name, entry.first)) return entry.second;
   }
   return nullptr;
@@ -212,8 +227,8 @@ DebugControl* DebugControl::findWildcard(String name) {
 
 void DebugControl::initialize() {
   TOLAN_PROCESS_ASSERT(locoHeld(), "DebugControl::initialize() no loco");
-  if (!gSpecific) gSpecific = new SpecificMap;
-  if (!gWildcard) gWildcard = new WildcardMap;
+  specificRules();
+  wildcardRules();
   DebugHandler::initialize();
 }
 
@@ -227,8 +242,8 @@ std::shared_ptr<Platform::DebugHandler> DebugControl::get(const String& name) {
               << " using " << base << std::endl;
   }
   uint16_t levels = 0;
-  auto specific = gSpecific->find(base);
-  if (specific != gSpecific->end()) {
+  auto specific = specificRules().find(base);
+  if (specific != specificRules().end()) {
     levels = specific->second->levels_;
   } else if (DebugControl* rule = findWildcard(base)) {
     levels = rule->levels_;
@@ -245,8 +260,8 @@ void DebugControl::set(const String& nameSpec, const String& levelsSpec) {
 
   if (!wildcard) {
     DebugControl* rule;
-    auto it = gSpecific->find(name);
-    if (it != gSpecific->end()) {
+    auto it = specificRules().find(name);
+    if (it != specificRules().end()) {
       rule = it->second;
       rule->levels_ |= levels;
     } else {
@@ -254,7 +269,7 @@ void DebugControl::set(const String& nameSpec, const String& levelsSpec) {
       if (DebugControl* covering = findWildcard(name)) initial |= covering->levels_;
       rule = new DebugControl(name, initial, false);
     }
-    auto range = gHandlers->equal_range(name);
+    auto range = handlers().equal_range(name);
     for (auto h = range.first; h != range.second; ++h) {
       if (!h->second->pinned_) h->second->orLevels(rule->levels_);
     }
@@ -262,8 +277,8 @@ void DebugControl::set(const String& nameSpec, const String& levelsSpec) {
   }
 
   DebugControl* rule;
-  auto it = gWildcard->find(name);
-  if (it != gWildcard->end()) {
+  auto it = wildcardRules().find(name);
+  if (it != wildcardRules().end()) {
     rule = it->second;
     rule->levels_ |= levels;
   } else {
@@ -272,13 +287,14 @@ void DebugControl::set(const String& nameSpec, const String& levelsSpec) {
     rule = new DebugControl(name, initial, true);
   }
   const uint16_t result = rule->levels_;
-  for (auto& entry : *gWildcard) {
+  for (auto& entry : wildcardRules()) {
     if (startsWith(entry.first, name)) entry.second->levels_ |= result;
   }
-  for (auto& entry : *gSpecific) {
+  for (auto& entry : specificRules()) {
     if (startsWith(entry.first, name)) entry.second->levels_ |= result;
   }
-  for (auto h = gHandlers->lower_bound(name); h != gHandlers->end() && startsWith(h->first, name); ++h) {
+  HandlerMap& all = handlers();
+  for (auto h = all.lower_bound(name); h != all.end() && startsWith(h->first, name); ++h) {
     if (!h->second->pinned_) h->second->orLevels(result);
   }
 }
@@ -297,8 +313,8 @@ void DebugControl::clear(const String& nameSpec, const String& levelsSpec) {
   };
 
   if (!wildcard) {
-    auto it = gSpecific->find(name);
-    if (it != gSpecific->end()) {
+    auto it = specificRules().find(name);
+    if (it != specificRules().end()) {
       narrow(it->second);
     } else if (DebugControl* covering = findWildcard(name)) {
       // Kept as operators have always seen it: the narrowed levels land in a
@@ -306,22 +322,23 @@ void DebugControl::clear(const String& nameSpec, const String& levelsSpec) {
       // is made, so handlers obtained later still get the prefix rule's levels.
       new DebugHandler(name, covering->levels_ & ~levels, false);
     }
-    auto range = gHandlers->equal_range(name);
+    auto range = handlers().equal_range(name);
     for (auto h = range.first; h != range.second; ++h) {
       if (!h->second->pinned_) h->second->clearLevels(levels);
     }
     return;
   }
 
-  for (auto it = gWildcard->begin(); it != gWildcard->end();) {
+  for (auto it = wildcardRules().begin(); it != wildcardRules().end();) {
     DebugControl* rule = (it++)->second;
     if (startsWith(rule->name_, name)) narrow(rule);
   }
-  for (auto it = gSpecific->begin(); it != gSpecific->end();) {
+  for (auto it = specificRules().begin(); it != specificRules().end();) {
     DebugControl* rule = (it++)->second;
     if (startsWith(rule->name_, name)) narrow(rule);
   }
-  for (auto h = gHandlers->lower_bound(name); h != gHandlers->end() && startsWith(h->first, name); ++h) {
+  HandlerMap& all = handlers();
+  for (auto h = all.lower_bound(name); h != all.end() && startsWith(h->first, name); ++h) {
     if (!h->second->pinned_) h->second->clearLevels(levels);
   }
 }
@@ -330,9 +347,9 @@ void DebugControl::printAll() {
   Platform::LocoGuard guard;
   initialize();
   std::cout << "Specific:" << std::endl;
-  for (const auto& entry : *gSpecific) std::cout << "    " << entry.second->displayString() << std::endl;
+  for (const auto& entry : specificRules()) std::cout << "    " << entry.second->displayString() << std::endl;
   std::cout << "Wildcard:" << std::endl;
-  for (const auto& entry : *gWildcard) std::cout << "    " << entry.second->displayString() << std::endl;
+  for (const auto& entry : wildcardRules()) std::cout << "    " << entry.second->displayString() << std::endl;
 }
 
 }  // namespace Orn
@@ -368,7 +385,30 @@ void dumpTolanDebugMap() {
   Orn::DebugHandler::printAll();
 }
 
+void dumpDebugMsg(const char* msg, unsigned len, unsigned level, const void* handle, const char* file,
+                  const char* func, int line) {
+  // Orn::DebugHandler is final, so an exact type match is the dynamic_cast,
+  // without its cost on every line.
+  const auto* base = static_cast<const DebugHandler*>(handle);
+  std::string_view name;
+  if (base && typeid(*base) == typeid(Orn::DebugHandler)) name = static_cast<const Orn::DebugHandler*>(base)->name();
+  Impl::writeTraceLine(msg, len, level, name, file, func, line);
+}
+
 }  // namespace Platform
+
+namespace Fmt {
+namespace Impl {
+
+void vfmtrace(const void* handle, unsigned level, const char* file, bool withClass, const char* func,
+              const char* className, int line, fmt::string_view format, fmt::format_args args) {
+  MessageBuffer buffer;
+  buildMessageBuffer(buffer, withClass, func, className, format, args);
+  Platform::dumpDebugMsg(buffer.data(), static_cast<unsigned>(buffer.size()), level, handle, file, func, line);
+}
+
+}  // namespace Impl
+}  // namespace Fmt
 
 // ---------------------------------------------------------------------------
 // Start-up at library load.
@@ -384,7 +424,7 @@ __attribute__((constructor(101))) void tolanLibraryStartup() {
 
   // The default handle lives until the process ends; it is deliberately never
   // released, so that code tracing from static destructors still finds it.
-  static auto* defaultHandleOwner = new std::shared_ptr<Platform::DebugHandler>(Platform::getDebugHandler("Tolan"));
+  static NoDestructor<std::shared_ptr<Platform::DebugHandler>> defaultHandleOwner(Platform::getDebugHandler("Tolan"));
   TOLAN_DEFAULT_HANDLE = defaultHandleOwner->get();
 
   // The library's defaults first, then TRACEFILE and the user's TRACE on top.

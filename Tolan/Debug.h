@@ -23,24 +23,25 @@
 // Any thread may trace.
 #pragma once
 
+#include <fmt/core.h>
+
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <string>
-#include <unordered_map>
 
 #include "Tolan/Common.h"
-#include "Tolan/DebugOutput.h"
 #include "Tolan/Fmt.h"
 
 namespace Tolan {
 namespace Platform {
 
+class DebugStream;  // DebugOutput.h
+
 // The mask that means "every level", shown as "*".
 constexpr uint16_t kAllTraceLevels = 1023;
 
 // An abstract trace channel: a level mask, and the means to emit a message.
-class DebugHandler : public std::enable_shared_from_this<DebugHandler> {
+class TOLAN_EXPORT DebugHandler : public std::enable_shared_from_this<DebugHandler> {
  public:
   virtual ~DebugHandler();
   // Sets or clears one level; returns the new mask.
@@ -81,24 +82,31 @@ class DebugHandler : public std::enable_shared_from_this<DebugHandler> {
 // name (the specific rule, else the longest matching prefix rule). Every call
 // makes a new handler; several may share a name. A name ending in "*" is
 // refused with a warning on standard error and the "*" dropped.
-std::shared_ptr<DebugHandler> getDebugHandler(const String& name);
+TOLAN_EXPORT std::shared_ptr<DebugHandler> getDebugHandler(const String& name);
 // Deletes a handler held by plain pointer (under the global lock). Null is ignored.
-void destroyDebugHandler(DebugHandler* handler);
+TOLAN_EXPORT void destroyDebugHandler(DebugHandler* handler);
 // Applies a control string that enables levels: items "name/levels" or
 // "prefix*/levels" separated by ","; levels are digits, "*" is all.
 // Null means the TRACE environment variable. Also (re)opens TRACEFILE.
-void setupTolanDebug(const char* spec);
+TOLAN_EXPORT void setupTolanDebug(const char* spec);
 // Applies a control string that disables levels. Null or empty does nothing.
-void clearTolanDebug(const char* spec);
+TOLAN_EXPORT void clearTolanDebug(const char* spec);
 // Prints the rules and then every handler on standard output.
-void dumpTolanDebugMap();
+TOLAN_EXPORT void dumpTolanDebugMap();
+
+// Writes one trace line (see DebugOutput.h): the prefix, exactly `len` bytes
+// of `msg`, newline, flush. `handle` is the DebugHandler traced on; a
+// Tolan::Orn::DebugHandler's name fills the "handle" field (any other kind of
+// handler leaves it empty).
+TOLAN_EXPORT void dumpDebugMsg(const char* msg, unsigned len, unsigned level, const void* handle, const char* file,
+                               const char* func, int line);
 
 }  // namespace Platform
 
 namespace Orn {
 
 // The concrete, registered, named handler.
-class DebugHandler final : public Platform::DebugHandler {
+class TOLAN_EXPORT DebugHandler final : public Platform::DebugHandler {
  public:
   // Registers the handler under `name` (several may share a name). Requires
   // the global lock. Levels are truncated to 16 bits. A pinned handler is
@@ -136,7 +144,7 @@ class DebugHandler final : public Platform::DebugHandler {
 };
 
 // One rule of the control registry: the levels a name, or a name prefix, is given.
-class DebugControl {
+class TOLAN_EXPORT DebugControl {
  public:
   // Inserts the rule into the registry (replacing a specific rule of the same
   // name). Requires the global lock; so does the destructor, which removes it.
@@ -181,7 +189,7 @@ class DebugControl {
 
 // A base or member for classes that trace: holds a shared owner of their
 // handler (possibly none, in which case nothing is traced).
-class Debuggable {
+class TOLAN_EXPORT Debuggable {
  public:
   Debuggable() = default;
   explicit Debuggable(std::shared_ptr<Platform::DebugHandler> handler) : debug_(std::move(handler)) {}
@@ -196,6 +204,17 @@ class Debuggable {
  protected:
   std::shared_ptr<Platform::DebugHandler> debug_;
 };
+
+namespace Fmt {
+namespace Impl {
+// Formats the message ("Class::func() " first when withClass) and writes it
+// as one trace line on `handle`, the Platform::DebugHandler the call site
+// traced on. The out-of-line target of every trace call site. A malformed
+// format string throws fmt::format_error.
+TOLAN_EXPORT void vfmtrace(const void* handle, unsigned level, const char* file, bool withClass, const char* func,
+                           const char* className, int line, fmt::string_view format, fmt::format_args args);
+}  // namespace Impl
+}  // namespace Fmt
 
 namespace Impl {
 
@@ -231,7 +250,7 @@ TOLAN_COLD void trace(const void* handle, unsigned level, const char* file, bool
 
 // The default handle "Tolan", for code without a handler of its own. Set at
 // library load; stays valid until the process ends.
-extern Tolan::Platform::DebugHandler* TOLAN_DEFAULT_HANDLE;
+extern TOLAN_EXPORT Tolan::Platform::DebugHandler* TOLAN_DEFAULT_HANDLE;
 
 // True when `level` is enabled on `handler`; the same cheap test the trace
 // macros make, for guarding work that only feeds a trace line.

@@ -1,5 +1,6 @@
 #include "Tolan/DebugOutput.h"
 
+#include <fmt/format.h>
 #include <sys/time.h>
 #include <time.h>
 #include <unistd.h>
@@ -9,8 +10,10 @@
 #include <cstring>
 #include <fstream>
 #include <iostream>
+#include <string>
 
-#include "Tolan/Debug.h"
+#include "Tolan/Impl/MessageBuffer.h"
+#include "Tolan/Impl/TraceOutput.h"
 #include "Tolan/Loco.h"
 #include "Tolan/Thread.h"
 
@@ -43,7 +46,7 @@ struct TraceSink {
 };
 
 TraceSink& sink() {
-  static TraceSink* const instance = new TraceSink;
+  static NoDestructor<TraceSink> instance;
   return *instance;
 }
 
@@ -84,7 +87,8 @@ void appendNumber(LineBuffer& out, long long n) {
   out.push_back(' ');
 }
 
-void appendPrefix(LineBuffer& out, unsigned level, const void* handle, const char* file, const char* func, int line) {
+void appendPrefix(LineBuffer& out, unsigned level, std::string_view handleName, const char* file, const char* func,
+                  int line) {
   if (show(kDate) || show(kTime)) {
     struct timeval now;
     gettimeofday(&now, nullptr);
@@ -102,8 +106,7 @@ void appendPrefix(LineBuffer& out, unsigned level, const void* handle, const cha
   if (show(kPid)) appendNumber(out, getpid());
   if (show(kTid)) appendNumber(out, cachedGettid());
   if (show(kHandle)) {
-    const auto* named = dynamic_cast<const Orn::DebugHandler*>(static_cast<const Platform::DebugHandler*>(handle));
-    if (named) out.append(named->name().data(), named->name().data() + named->name().size());
+    out.append(handleName.data(), handleName.data() + handleName.size());
     out.push_back(' ');
   }
   if (show(kLevel)) appendNumber(out, level);
@@ -116,21 +119,25 @@ void appendPrefix(LineBuffer& out, unsigned level, const void* handle, const cha
 
 }  // namespace
 
-namespace Platform {
+namespace Impl {
 
-void dumpDebugMsg(const char* msg, unsigned len, unsigned level, const void* handle, const char* file,
-                  const char* func, int line) {
+void writeTraceLine(const char* msg, size_t len, unsigned level, std::string_view handleName, const char* file,
+                    const char* func, int line) {
   LineBuffer out;
-  appendPrefix(out, level, handle, file, func, line);
+  appendPrefix(out, level, handleName, file, func, line);
   out.append(msg, msg + len);
   out.push_back('\n');
 
-  LocoGuard guard;
+  Platform::LocoGuard guard;
   TraceSink& s = sink();
   std::ostream& os = s.file.is_open() ? static_cast<std::ostream&>(s.file) : std::cerr;
   os.write(out.data(), static_cast<std::streamsize>(out.size()));
   os.flush();
 }
+
+}  // namespace Impl
+
+namespace Platform {
 
 void setTraceFormat(const char* spec) {
   if (!spec) spec = std::getenv("TRACEFORMAT");
@@ -145,23 +152,20 @@ void setTraceFormat(const char* spec) {
   }
 
   bool wanted[kFieldCount] = {};
-  const String copy(spec);
-  size_t begin = 0;
-  while (begin <= copy.size()) {
-    size_t comma = copy.find(',', begin);
-    if (comma == String::npos) comma = copy.size();
-    const String item = copy.substr(begin, comma - begin);
-    begin = comma + 1;
-    if (item.empty()) continue;
+  // Empty items are skipped; the first unknown one leaves the format as it was.
+  const bool valid = Impl::forEachCommaItem(spec, [&wanted](std::string_view item) {
+    if (item.empty()) return true;
     unsigned f = 0;
     while (f < kFieldCount && item != kFieldNames[f]) ++f;
     if (f == kFieldCount) {
       std::cerr << item << " is an invalid field in TRACEFORMAT\n"
                 << "Set TRACEFORMAT=help for more information." << std::endl;
-      return;
+      return false;
     }
     wanted[f] = true;
-  }
+    return true;
+  });
+  if (!valid) return;
 
   LocoGuard guard;
   for (unsigned f = 0; f < kFieldCount; ++f) gShow[f].store(wanted[f], std::memory_order_relaxed);

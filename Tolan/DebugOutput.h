@@ -14,35 +14,25 @@
 
 #include <sstream>
 
+#include "Tolan/Common.h"
+
 namespace Tolan {
 namespace Platform {
 
 // A string stream for building a message with stream insertions; hand it to
 // DebugHandler::dump() to write it as one trace line.
-class DebugStream : public std::ostringstream {};
-
-// Writes one trace line: prefix, exactly `len` bytes of `msg`, newline, flush.
-// `handle` is the DebugHandler traced on (its name fills the "handle" field).
-void dumpDebugMsg(const char* msg, unsigned len, unsigned level, const void* handle, const char* file,
-                  const char* func, int line);
+class TOLAN_EXPORT DebugStream : public std::ostringstream {};
 
 // Sets the prefix fields from a comma-separated list of the keywords "date",
 // "time", "pid", "tid", "handle", "level", "line-info", "func-name". A null
 // spec reads TRACEFORMAT (unset: no change). "help" prints the usage on
 // standard error; an unknown keyword prints an error there; neither changes
 // the format. An empty list turns every field off.
-void setTraceFormat(const char* spec);
+TOLAN_EXPORT void setTraceFormat(const char* spec);
 // Turns every prefix field off.
-void clearTraceFormat();
+TOLAN_EXPORT void clearTraceFormat();
 // Prints the eight field switches as "1"/"0" in field order on standard output.
-void printAllTraceFormat();
+TOLAN_EXPORT void printAllTraceFormat();
 
 }  // namespace Platform
-
-namespace Impl {
-// (Re)opens the trace file from TRACEFILE; called by setupTolanDebug() with the
-// global lock held. Unset: output returns to standard error.
-void reopenTraceFile();
-}  // namespace Impl
-
 }  // namespace Tolan

@@ -22,7 +22,7 @@
 
 namespace Tolan {
 
-class DirNode : public Debuggable {
+class TOLAN_EXPORT DirNode : public Debuggable {
  public:
   // No path, nothing open. `handler` must be owned by a shared pointer.
   explicit DirNode(Platform::DebugHandler& handler);

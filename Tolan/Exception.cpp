@@ -56,14 +56,17 @@ const char* Exception::what() const noexcept {
   return whatText_.c_str();
 }
 
-void MemoryResourceException::throwException(const String& msg) { throw MemoryResourceException(msg); }
-void NoPermissionException::throwException(const String& msg) { throw NoPermissionException(msg); }
-void UnimplementedException::throwException(const String& msg) { throw UnimplementedException(msg); }
-void InvalidInitializeException::throwException(const String& msg) { throw InvalidInitializeException(msg); }
-void RuntimeException::throwException(const String& msg) { throw RuntimeException(msg); }
-void OutOfRangeException::throwException(const String& msg) { throw OutOfRangeException(msg); }
-void CorruptionDetectedException::throwException(const String& msg) { throw CorruptionDetectedException(msg); }
-void InvalidSizeException::throwException(const String& msg) { throw InvalidSizeException(msg); }
+#define TOLAN_THROW_EXCEPTION_(Class) \
+  void Class::throwException(const String& msg) { throw Class(msg); }
+TOLAN_THROW_EXCEPTION_(MemoryResourceException)
+TOLAN_THROW_EXCEPTION_(NoPermissionException)
+TOLAN_THROW_EXCEPTION_(UnimplementedException)
+TOLAN_THROW_EXCEPTION_(InvalidInitializeException)
+TOLAN_THROW_EXCEPTION_(RuntimeException)
+TOLAN_THROW_EXCEPTION_(OutOfRangeException)
+TOLAN_THROW_EXCEPTION_(CorruptionDetectedException)
+TOLAN_THROW_EXCEPTION_(InvalidSizeException)
+#undef TOLAN_THROW_EXCEPTION_
 
 void AssertException::throwException(const String& msg) {
   if (throwOnAssertFail()) throw AssertException(msg);

@@ -21,13 +21,14 @@
 #pragma once
 
 #include <exception>
+#include <string>
 
 #include "Tolan/Backtrace.h"
 #include "Tolan/Common.h"
 
 namespace Tolan {
 
-class Exception : public std::exception {
+class TOLAN_EXPORT Exception : public std::exception {
  public:
   // Captures the stack when `captureFlag` (every derived class does), then
   // offers message and stack to BacktraceTracker.
@@ -52,86 +53,46 @@ class Exception : public std::exception {
   mutable String whatText_;
 };
 
+// The classes below differ only in their names: each derives directly from
+// Exception, adds no fields, takes its message in its constructor, returns
+// "Tolan::<Class>" from name(), and has a static throwException(msg) that
+// throws an instance.
+#define TOLAN_EXCEPTION_CLASS_(Class)                                                  \
+  class TOLAN_EXPORT Class : public Exception {                                        \
+   public:                                                                             \
+    explicit Class(const String& msg) noexcept : Exception(msg, true) {}               \
+    const char* name() const noexcept override { return "Tolan::" #Class; }            \
+    [[noreturn]] static void throwException(const String& msg);                       \
+  }
+
 // Allocation of memory or another resource failed.
-class MemoryResourceException : public Exception {
- public:
-  explicit MemoryResourceException(const String& msg) noexcept : Exception(msg, true) {}
-  const char* name() const noexcept override { return "Tolan::MemoryResourceException"; }
-  [[noreturn]] static void throwException(const String& msg);
-};
-
+TOLAN_EXCEPTION_CLASS_(MemoryResourceException);
 // The caller may not do this (permissions, ownership).
-class NoPermissionException : public Exception {
- public:
-  explicit NoPermissionException(const String& msg) noexcept : Exception(msg, true) {}
-  const char* name() const noexcept override { return "Tolan::NoPermissionException"; }
-  [[noreturn]] static void throwException(const String& msg);
-};
-
+TOLAN_EXCEPTION_CLASS_(NoPermissionException);
 // The operation exists in the interface but not in this implementation.
-class UnimplementedException : public Exception {
- public:
-  explicit UnimplementedException(const String& msg) noexcept : Exception(msg, true) {}
-  const char* name() const noexcept override { return "Tolan::UnimplementedException"; }
-  [[noreturn]] static void throwException(const String& msg);
-};
-
+TOLAN_EXCEPTION_CLASS_(UnimplementedException);
 // An object was used before, or without, proper initialisation.
-class InvalidInitializeException : public Exception {
- public:
-  explicit InvalidInitializeException(const String& msg) noexcept : Exception(msg, true) {}
-  const char* name() const noexcept override { return "Tolan::InvalidInitializeException"; }
-  [[noreturn]] static void throwException(const String& msg);
-};
-
+TOLAN_EXCEPTION_CLASS_(InvalidInitializeException);
 // A failure that only shows at run time (a system call refused, say).
-class RuntimeException : public Exception {
- public:
-  explicit RuntimeException(const String& msg) noexcept : Exception(msg, true) {}
-  const char* name() const noexcept override { return "Tolan::RuntimeException"; }
-  [[noreturn]] static void throwException(const String& msg);
-};
-
+TOLAN_EXCEPTION_CLASS_(RuntimeException);
 // An index or value outside its permitted range.
-class OutOfRangeException : public Exception {
- public:
-  explicit OutOfRangeException(const String& msg) noexcept : Exception(msg, true) {}
-  const char* name() const noexcept override { return "Tolan::OutOfRangeException"; }
-  [[noreturn]] static void throwException(const String& msg);
-};
-
+TOLAN_EXCEPTION_CLASS_(OutOfRangeException);
 // Data structures found in a state they can never legitimately reach.
-class CorruptionDetectedException : public Exception {
- public:
-  explicit CorruptionDetectedException(const String& msg) noexcept : Exception(msg, true) {}
-  const char* name() const noexcept override { return "Tolan::CorruptionDetectedException"; }
-  [[noreturn]] static void throwException(const String& msg);
-};
-
+TOLAN_EXCEPTION_CLASS_(CorruptionDetectedException);
 // A size (of a buffer, a name, a request) that is not acceptable.
-class InvalidSizeException : public Exception {
- public:
-  explicit InvalidSizeException(const String& msg) noexcept : Exception(msg, true) {}
-  const char* name() const noexcept override { return "Tolan::InvalidSizeException"; }
-  [[noreturn]] static void throwException(const String& msg);
-};
+TOLAN_EXCEPTION_CLASS_(InvalidSizeException);
+// A failed library assertion. Its throwException() throws only when
+// throw-on-assert-fail is on; otherwise it writes "Tolan::Assert aborting
+// because: <msg>" and a newline on standard error and calls std::terminate().
+TOLAN_EXCEPTION_CLASS_(AssertException);
 
-// A failed library assertion, thrown only after throwOnAssertFailIs(true).
-class AssertException : public Exception {
- public:
-  explicit AssertException(const String& msg) noexcept : Exception(msg, true) {}
-  const char* name() const noexcept override { return "Tolan::AssertException"; }
-  // Throws an AssertException when throw-on-assert-fail is on; otherwise
-  // writes "Tolan::Assert aborting because: <msg>" and a newline on standard
-  // error and calls std::terminate().
-  [[noreturn]] static void throwException(const String& msg);
-};
+#undef TOLAN_EXCEPTION_CLASS_
 
 // When on, failed library assertions throw Tolan::AssertException instead of
 // ending the process. Off at load: a production process should die with a
 // report. Tests, and callers that must survive an assertion, turn it on once
 // at start-up.
-void throwOnAssertFailIs(bool on) noexcept;
-bool throwOnAssertFail() noexcept;
+TOLAN_EXPORT void throwOnAssertFailIs(bool on) noexcept;
+TOLAN_EXPORT bool throwOnAssertFail() noexcept;
 
 }  // namespace Tolan

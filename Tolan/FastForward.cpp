@@ -24,8 +24,10 @@
 
 #include "Tolan/Assert.h"
 #include "Tolan/Debug.h"
-#include "Tolan/LibeventFactory.h"
+#include "Tolan/EventBase.h"
+#include "Tolan/Impl/EventLoop.h"
 #include "Tolan/Loco.h"
+#include "Tolan/Platform.h"
 
 namespace Tolan {
 
@@ -40,9 +42,10 @@ std::atomic<bool> gFastForward{false};
 __attribute__((tls_model("initial-exec"))) thread_local timeval virtualOffset{0, 0};
 
 using Notifier = void (*)();
+// Guarded by the global lock; never destroyed, like the switch it serves.
 std::unordered_set<Notifier>& notifiers() {
-  static std::unordered_set<Notifier> set;
-  return set;
+  static NoDestructor<std::unordered_set<Notifier>> set;
+  return *set;
 }
 
 double secs(const timeval& tv) { return static_cast<double>(tv.tv_sec) + static_cast<double>(tv.tv_usec) / 1e6; }

@@ -20,38 +20,40 @@
 
 #include <sys/time.h>
 
+#include "Tolan/Common.h"
+
 struct event_base;
 
 namespace Tolan {
 
 // The switch (see Platform::setFastForward).
-void setLeFastForward(bool on);
-bool leFastForward() noexcept;
-void leRegisterFastForwardChangeNotifier(void (*fn)());
+TOLAN_EXPORT void setLeFastForward(bool on);
+TOLAN_EXPORT bool leFastForward() noexcept;
+TOLAN_EXPORT void leRegisterFastForwardChangeNotifier(void (*fn)());
 
 // The calling thread's virtual-time offset in seconds.
-double leVirtualTimeOffset() noexcept;
+TOLAN_EXPORT double leVirtualTimeOffset() noexcept;
 // Moves the thread's pending timeouts `delta` earlier and grows the offset by it.
-void applyFastForwardDelta(const timeval* delta);
+TOLAN_EXPORT void applyFastForwardDelta(const timeval* delta);
 // How far to advance so that the first pending timer is due (its distance
 // plus 100 microseconds, or zero when it is due already); false when no
 // timer is pending. Fast-forward must be on ("Called without fast forward
 // enabled").
-bool fastForwardDelayToFirstTimer(timeval* out);
+TOLAN_EXPORT bool fastForwardDelayToFirstTimer(timeval* out);
 // Advances by `delta`, then runs one loop pass over what is due.
-void eventLoopFastForward(const timeval* delta);
+TOLAN_EXPORT void eventLoopFastForward(const timeval* delta);
 // Advances to the first timer but by no more than `maxTimeout` (all of it when
 // no timer is pending), then runs one loop pass. Fast-forward must be on
 // ("Called without fastForward enabled").
-void eventLoopFastForwardToFirstTimer(double maxTimeout);
+TOLAN_EXPORT void eventLoopFastForwardToFirstTimer(double maxTimeout);
 
 // ---- what stock libevent lacks, built on its public interface ----
 
 // Writes the expiry of the earliest pending timeout of `base` (in the form
 // event_pending() reports expiries) and returns 0; nonzero when none is pending.
-int event_base_get_first_timeout(event_base* base, timeval* out);
+TOLAN_EXPORT int event_base_get_first_timeout(event_base* base, timeval* out);
 // Moves every pending, not yet due timeout of `base` `delta` earlier, keeping
 // their order; returns how many were moved.
-int event_base_timeout_subtract_offset(event_base* base, const timeval* delta);
+TOLAN_EXPORT int event_base_timeout_subtract_offset(event_base* base, const timeval* delta);
 
 }  // namespace Tolan

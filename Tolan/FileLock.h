@@ -19,6 +19,8 @@
 
 #include <sys/types.h>
 
+#include <string>
+
 #include "Tolan/Common.h"
 #include "Tolan/Debug.h"
 
@@ -29,7 +31,7 @@ namespace Tolan {
 constexpr int cmd_F_OFD_GETLK() { return 36; }
 constexpr int cmd_F_OFD_SETLK() { return 37; }
 
-class FileLock : public Debuggable {
+class TOLAN_EXPORT FileLock : public Debuggable {
  public:
   // `handler` must be owned by a shared pointer (as getDebugHandler's are).
   // A `fileName` containing "/" is a library assertion.

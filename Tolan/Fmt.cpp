@@ -1,16 +1,11 @@
 #include "Tolan/Fmt.h"
 
+#include <fmt/format.h>
 
-#include "Tolan/Assert.h"
+
+#include "Tolan/Impl/MessageBuffer.h"
 
 namespace Tolan {
-namespace Platform {
-// The trace back-end. Declared weak so that the formatting layer links on its
-// own; a build without a back-end fails loudly at the first message.
-void dumpDebugMsg(const char* msg, unsigned len, unsigned level, const void* handle, const char* file,
-                  const char* func, int line) __attribute__((weak));
-}  // namespace Platform
-
 namespace Fmt {
 namespace Impl {
 
@@ -48,36 +43,33 @@ std::string vformatstr(const char* file, int line, bool withClass, const char* f
   return fmt::to_string(buffer);
 }
 
-void dumpDebugMsg(const char* msg, size_t len, uint32_t level, const void* handle, const char* file,
-                  const char* func, int line) {
-  TOLAN_PROCESS_ASSERT(&Platform::dumpDebugMsg != nullptr, "No debug handler found for platform");
-  Platform::dumpDebugMsg(msg, static_cast<unsigned>(len), level, handle, file, func, line);
-}
-
-void vfmtrace(const void* handle, unsigned level, const char* file, bool withClass, const char* func,
-              const char* className, int line, fmt::string_view format, fmt::format_args args) {
-  MessageBuffer buffer;
-  buildMessageBuffer(buffer, withClass, func, className, format, args);
-  dumpDebugMsg(buffer.data(), buffer.size(), level, handle, file, func, line);
-}
-
 }  // namespace Impl
 }  // namespace Fmt
 
 String DisplayPointer::toString() const { return fmt::format("{}", *this); }
 
-namespace Fmt {
-namespace Impl {
+}  // namespace Tolan
 
-void appendSeconds(fmt::memory_buffer& out, long long units, long long unitsPerSecond, int decimals) {
+namespace {
+
+// Total microseconds (or nanoseconds) as seconds with a fixed number of
+// decimals, e.g. -1500000 us -> "-1.500000".
+fmt::format_context::iterator appendSeconds(fmt::format_context& ctx, long long units, long long unitsPerSecond,
+                                            int decimals) {
   // Work on the magnitude so that -0.5 s prints as "-0.500000", not "0.-500000".
   const unsigned long long magnitude =
       units < 0 ? 0ULL - static_cast<unsigned long long>(units) : static_cast<unsigned long long>(units);
   const auto perSecond = static_cast<unsigned long long>(unitsPerSecond);
-  fmt::format_to(fmt::appender(out), "{}{}.{:0{}}", units < 0 ? "-" : "", magnitude / perSecond,
-                 magnitude % perSecond, decimals);
+  return fmt::format_to(ctx.out(), "{}{}.{:0{}}", units < 0 ? "-" : "", magnitude / perSecond,
+                        magnitude % perSecond, decimals);
 }
 
-}  // namespace Impl
-}  // namespace Fmt
-}  // namespace Tolan
+}  // namespace
+
+fmt::format_context::iterator fmt::formatter<timeval>::format(const timeval& tv, format_context& ctx) const {
+  return appendSeconds(ctx, static_cast<long long>(tv.tv_sec) * 1000000 + tv.tv_usec, 1000000, 6);
+}
+
+fmt::format_context::iterator fmt::formatter<timespec>::format(const timespec& ts, format_context& ctx) const {
+  return appendSeconds(ctx, static_cast<long long>(ts.tv_sec) * 1000000000 + ts.tv_nsec, 1000000000, 9);
+}

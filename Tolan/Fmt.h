@@ -1,77 +1,30 @@
-// Fmt.h - message formatting for trace lines and assertion texts.
+// Fmt.h - how library and system values print in trace and assertion
+// messages.
 //
-// Every trace call site and every library assertion formats its message
-// here, with {fmt} "{}" placeholders, into a buffer that holds 500 characters
-// inline (longer messages spill to the heap and are never truncated). The
-// functions are the out-of-line targets of the TOLAN_TRACE and TOLAN_ASSERT
-// macros; call the macros, not these.
+// Messages are formatted with {fmt} "{}" placeholders (see TOLAN_TRACE in
+// Debug.h and TOLAN_ASSERT in Assert.h). This header teaches {fmt} the values
+// that have no text of their own: a pointer shown as an address
+// (DisplayPointer), and the C library's timeval and timespec shown as seconds.
+// The library's own types print through formatters declared beside them.
 //
-// This header is also the one place where library types learn to print
-// themselves with {fmt}: formatters for them are added below.
-//
-// Thread-safe: everything is built on the caller's stack.
+// Light on purpose: it needs only <fmt/core.h>; the formatting work is done
+// out of line. Any thread may use it.
 #pragma once
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <sys/time.h>
 #include <time.h>
 
-#include <algorithm>
-#include <cstddef>
 #include <cstdint>
-#include <string>
 
 #include "Tolan/Common.h"
-
-namespace Tolan {
-namespace Fmt {
-
-// Inline capacity of a message: messages up to this size never allocate.
-constexpr size_t kMessageInlineSize = 500;
-using MessageBuffer = fmt::basic_memory_buffer<char, kMessageInlineSize>;
-
-namespace Impl {
-
-// Formats the message and hands it to the trace output as one line.
-// `handle` is the Platform::DebugHandler the call site traced on.
-// A malformed format string throws fmt::format_error.
-void vfmtrace(const void* handle, unsigned level, const char* file, bool withClass, const char* func,
-              const char* className, int line, fmt::string_view format, fmt::format_args args);
-
-// Appends "Class::func() " when withClass (both names must be non-null),
-// then the formatted message.
-void buildMessageBuffer(MessageBuffer& buffer, bool withClass, const char* func, const char* className,
-                        fmt::string_view format, fmt::format_args args);
-
-// Clears the buffer, then writes "file:line: " and continues as
-// buildMessageBuffer. The text of assertions and exceptions.
-void buildDetailedMessageBuffer(MessageBuffer& buffer, const char* file, int line, bool withClass, const char* func,
-                                const char* className, fmt::string_view format, fmt::format_args args);
-
-// buildMessageBuffer's text as a string.
-std::string vformatstr(bool withClass, const char* func, const char* className, fmt::string_view format,
-                       fmt::format_args args);
-// buildDetailedMessageBuffer's text as a string.
-std::string vformatstr(const char* file, int line, bool withClass, const char* func, const char* className,
-                       fmt::string_view format, fmt::format_args args);
-
-// Forwards a finished message to the platform's trace output.
-void dumpDebugMsg(const char* msg, size_t len, uint32_t level, const void* handle, const char* file,
-                  const char* func, int line);
-
-}  // namespace Impl
-}  // namespace Fmt
-}  // namespace Tolan
-
-// ---------------------------------------------------------------------------
-// Library types and system types in messages: "{}" prints them as below.
 
 namespace Tolan {
 
 // A pointer as messages show it: "0x" and lowercase hex ("0x0" for null).
 // Wrap a pointer in it to print its value rather than what it points to (a
 // char*, say): TOLAN_TRACE(h, 9, "freed {}", DisplayPointer(p)).
-class DisplayPointer {
+class TOLAN_EXPORT DisplayPointer {
  public:
   explicit DisplayPointer(const void* pointer) noexcept : pointer_(pointer) {}
   const void* pointer() const noexcept { return pointer_; }
@@ -81,13 +34,6 @@ class DisplayPointer {
   const void* pointer_;
 };
 
-namespace Fmt {
-namespace Impl {
-// Appends total microseconds (or nanoseconds) as seconds with a fixed number
-// of decimals, e.g. -1500000 us -> "-1.500000".
-void appendSeconds(fmt::memory_buffer& out, long long units, long long unitsPerSecond, int decimals);
-}  // namespace Impl
-}  // namespace Fmt
 }  // namespace Tolan
 
 template <>
@@ -104,23 +50,12 @@ struct fmt::formatter<Tolan::DisplayPointer> {
 template <>
 struct fmt::formatter<timeval> {
   constexpr auto parse(format_parse_context& ctx) { return ctx.begin(); }
-  template <typename Context>
-  auto format(const timeval& tv, Context& ctx) const {
-    fmt::memory_buffer text;
-    Tolan::Fmt::Impl::appendSeconds(text, static_cast<long long>(tv.tv_sec) * 1000000 + tv.tv_usec, 1000000, 6);
-    return std::copy(text.begin(), text.end(), ctx.out());
-  }
+  TOLAN_EXPORT format_context::iterator format(const timeval& tv, format_context& ctx) const;
 };
 
 // A timespec as seconds with nine decimals: {2, 5} -> "2.000000005".
 template <>
 struct fmt::formatter<timespec> {
   constexpr auto parse(format_parse_context& ctx) { return ctx.begin(); }
-  template <typename Context>
-  auto format(const timespec& ts, Context& ctx) const {
-    fmt::memory_buffer text;
-    Tolan::Fmt::Impl::appendSeconds(text, static_cast<long long>(ts.tv_sec) * 1000000000 + ts.tv_nsec, 1000000000,
-                                    9);
-    return std::copy(text.begin(), text.end(), ctx.out());
-  }
+  TOLAN_EXPORT format_context::iterator format(const timespec& ts, format_context& ctx) const;
 };

@@ -9,22 +9,24 @@
 // (or by forkedChildIs); reading it costs one relaxed atomic load.
 #pragma once
 
+#include "Tolan/Common.h"
+
 namespace Tolan {
 namespace Platform {
 
 // Registers handleFork() as the child handler of pthread_atfork (no prepare
 // or parent handler). If registration fails, writes "Tolan failed to register
 // atfork handler, reason: <error>" on standard error and aborts the process.
-void setupHandler();
+TOLAN_EXPORT void setupHandler();
 
 // The child handler: sets the forked-child flag.
-void handleFork() noexcept;
+TOLAN_EXPORT void handleFork() noexcept;
 
 // True in a process made by fork() from one that had the library loaded.
-bool isForkedChild() noexcept;
+TOLAN_EXPORT bool isForkedChild() noexcept;
 
 // Sets the flag; for code that re-initialises itself after fork and for tests.
-void forkedChildIs(bool forked) noexcept;
+TOLAN_EXPORT void forkedChildIs(bool forked) noexcept;
 
 }  // namespace Platform
 }  // namespace Tolan

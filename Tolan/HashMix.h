@@ -19,6 +19,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <string>
 #include <type_traits>
 
 #include "Tolan/Common.h"
@@ -27,7 +28,7 @@ namespace Tolan {
 namespace Impl {
 
 template <typename W>
-class HashMix {
+class TOLAN_EXPORT HashMix {
   static_assert(std::is_same<W, uint32_t>::value || std::is_same<W, uint64_t>::value,
                 "HashMix is defined for 32- and 64-bit unsigned words only");
   static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "HashMix reads words little-endian");
@@ -123,10 +124,10 @@ namespace Util {
 
 // 32-bit hash of a byte range: HashMix<uint32_t> from its offset basis.
 // An empty range hashes to 0x811c9dc5.
-uint32_t hash(const void* data, size_t len) noexcept;
+TOLAN_EXPORT uint32_t hash(const void* data, size_t len) noexcept;
 // 64-bit hash of a byte range: HashMix<uint64_t> from its offset basis.
 // An empty range hashes to 0xcbf29ce484222325.
-uint64_t hash64(const void* data, size_t len) noexcept;
+TOLAN_EXPORT uint64_t hash64(const void* data, size_t len) noexcept;
 
 }  // namespace Util
 }  // namespace Tolan

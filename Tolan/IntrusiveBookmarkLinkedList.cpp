@@ -6,7 +6,7 @@ namespace Impl {
 // A parked bookmark parked again would splice one node into two places; the
 // walk it serves could only loop or skip, so this is as fatal as a double link.
 void bookmarkAlreadyLinked(unsigned line) noexcept {
-  listAssertFail("!link.isLinked()", "IntrusiveBookmarkLinkedList", line, "Bookmark::insertBefore");
+  processAssertFail("!link.isLinked()", "IntrusiveBookmarkLinkedList", line, "Bookmark::insertBefore");
 }
 
 }  // namespace Impl

@@ -31,7 +31,7 @@
 namespace Tolan {
 namespace Impl {
 // Aborts: a bookmark was parked while already parked somewhere.
-[[noreturn]] TOLAN_COLD void bookmarkAlreadyLinked(unsigned line) noexcept;
+[[noreturn]] TOLAN_EXPORT TOLAN_COLD void bookmarkAlreadyLinked(unsigned line) noexcept;
 }  // namespace Impl
 
 // The link an element embeds to be on a BookmarkList; also the node inside a

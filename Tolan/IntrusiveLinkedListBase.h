@@ -30,10 +30,6 @@ namespace Impl {
 
 using ListHook = boost::intrusive::list_member_hook<boost::intrusive::link_mode<boost::intrusive::auto_unlink>>;
 
-// The process assertion behind the linking checks; never returns.
-[[noreturn]] TOLAN_COLD void listAssertFail(const char* condition, const char* file, unsigned line,
-                                            const char* function) noexcept;
-
 }  // namespace Impl
 
 template <typename ElementType, typename LinkNodeType, LinkNodeType ElementType::*ptrToLinkNode,
@@ -93,10 +89,13 @@ class ListImpl {
   static bool isLinked(const ElementType& element) noexcept { return (element.*ptrToLinkNode).isLinked(); }
 
   // The check made before every link: the element's node must be free.
+  // Linking a node twice would corrupt two lists at once; nothing downstream
+  // can recover from that, so this aborts with the C library's report rather
+  // than throw (which would leave the caller holding a half-linked element).
   static void beingLinked(const ElementType& element) noexcept {
     if (TOLAN_UNLIKELY((element.*ptrToLinkNode).isLinked()))
-      Impl::listAssertFail("!( element.*ptrToLinkNode ).isLinked()", "IntrusiveLinkedListBase", __LINE__,
-                           "beingLinked");
+      Impl::processAssertFail("!( element.*ptrToLinkNode ).isLinked()", "IntrusiveLinkedListBase", __LINE__,
+                              "beingLinked");
   }
 
   // The element that embeds `node`. The node must not be a bookmark.

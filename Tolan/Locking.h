@@ -14,13 +14,15 @@
 
 #include <atomic>
 
+#include "Tolan/Common.h"
+
 namespace Tolan {
 namespace Locking {
 
 namespace Impl {
 
 // What both locks share: a pthread mutex of a given type and its holder.
-class OwnedMutex {
+class TOLAN_EXPORT OwnedMutex {
  public:
   OwnedMutex(const OwnedMutex&) = delete;
   OwnedMutex& operator=(const OwnedMutex&) = delete;
@@ -51,7 +53,7 @@ class OwnedMutex {
 
 // Non-recursive. Locking it again from the holding thread throws
 // std::system_error (EDEADLK) instead of hanging.
-class Lock : public Impl::OwnedMutex {
+class TOLAN_EXPORT Lock : public Impl::OwnedMutex {
  public:
   Lock() noexcept;
   // Releases the lock. Library assertion when the caller does not hold it.
@@ -59,7 +61,7 @@ class Lock : public Impl::OwnedMutex {
 };
 
 // The holder may lock again, and must unlock as often.
-class RecursiveLock : public Impl::OwnedMutex {
+class TOLAN_EXPORT RecursiveLock : public Impl::OwnedMutex {
  public:
   RecursiveLock() noexcept;
   // Releases one level. Library assertion when the caller does not hold it.
@@ -71,7 +73,7 @@ class RecursiveLock : public Impl::OwnedMutex {
 // Locks on construction; unlocks on destruction unless told not to with
 // releaseIs(false), or unless the lock has already been handed on (the
 // destructor only releases a lock the calling thread owns).
-class ConditionalGuard {
+class TOLAN_EXPORT ConditionalGuard {
  public:
   explicit ConditionalGuard(Lock& lock) : lock_(lock) { lock_.lock(); }
   ~ConditionalGuard() {

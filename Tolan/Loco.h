@@ -10,13 +10,14 @@
 // Hold it briefly: every trace line of every thread passes through it.
 #pragma once
 
-#include "Tolan/Locking.h"
+#include "Tolan/Common.h"
 
 namespace Tolan {
 namespace Platform {
 
-// The interface by which the library reaches its global lock.
-class Loco {
+// The interface by which the library reaches its global lock. The library's
+// implementation (Tolan::Loco, a RecursiveLock) is internal to it.
+class TOLAN_EXPORT Loco {
  public:
   virtual void lock() = 0;
   virtual void unlock() = 0;
@@ -25,10 +26,10 @@ class Loco {
 };
 
 // The process-wide lock.
-Loco& loco();
+TOLAN_EXPORT Loco& loco();
 
 // Holds loco() for its lifetime.
-class LocoGuard {
+class TOLAN_EXPORT LocoGuard {
  public:
   LocoGuard() : loco_(loco()) { loco_.lock(); }
   ~LocoGuard() { loco_.unlock(); }
@@ -40,16 +41,4 @@ class LocoGuard {
 };
 
 }  // namespace Platform
-
-// The implementation behind Platform::loco(): a RecursiveLock.
-class Loco final : public Platform::Loco {
- public:
-  void lock() override { lock_.lock(); }
-  void unlock() override { lock_.unlock(); }
-  bool owns_lock() const override { return lock_.owns_lock(); }
-
- private:
-  Locking::RecursiveLock lock_;
-};
-
 }  // namespace Tolan

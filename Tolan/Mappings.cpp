@@ -1,9 +1,12 @@
 #include "Tolan/Mappings.h"
 
+#include <fmt/format.h>
+
 #include <charconv>
 
 #include "Tolan/Assert.h"
 #include "Tolan/Debug.h"
+#include "Tolan/Impl/ProcParsers.h"
 #include "Tolan/UtilFile.h"
 
 namespace Tolan {
@@ -122,3 +125,8 @@ void parseMaps(const String& text, const String& file, MappingInfos& infos) {
 
 }  // namespace Impl
 }  // namespace Tolan
+
+fmt::format_context::iterator fmt::formatter<Tolan::MappingInfo>::format(const Tolan::MappingInfo& info,
+                                                                         format_context& ctx) const {
+  return formatter<string_view>::format(info.toString(), ctx);
+}

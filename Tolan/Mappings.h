@@ -17,12 +17,15 @@
 #include <map>
 #include <unordered_map>
 
+#include <fmt/core.h>
+
+#include <string>
+
 #include "Tolan/Common.h"
-#include "Tolan/Fmt.h"
 
 namespace Tolan {
 
-struct MappingInfo {
+struct TOLAN_EXPORT MappingInfo {
   uintptr_t start = 0;   // first address of the mapping
   uintptr_t end = 0;     // first address after it
   String perms;          // e.g. "r-xp"
@@ -38,7 +41,7 @@ struct MappingInfo {
   String toString() const;
 };
 
-class MappingInfos {
+class TOLAN_EXPORT MappingInfos {
  public:
   // Adds a mapping, replacing one with the same start address.
   void insert(const MappingInfo& info);
@@ -56,7 +59,7 @@ class MappingInfos {
   std::map<uintptr_t, MappingInfo> byStart_;
 };
 
-class PidMappings {
+class TOLAN_EXPORT PidMappings {
  public:
   // The mappings of `pid`, read with populate() on the first request. A
   // process that cannot be read yields an empty collection (cached as well).
@@ -71,25 +74,9 @@ class PidMappings {
   std::unordered_map<pid_t, MappingInfos> cache_;
 };
 
-namespace Impl {
-
-// Parses one maps line, without its newline ("start-end perms offset major:minor inode [path]",
-// numbers in hexadecimal except the decimal inode; the path is the rest of
-// the line after the blanks that pad it, so it may contain blanks). False
-// when the line does not have that form; `info` is then unspecified.
-bool parseMapsLine(const char* line, size_t len, MappingInfo& info);
-
-// Parses a whole maps file into `infos`; a malformed line is a library
-// assertion naming `file` and the line. Empty lines are skipped.
-void parseMaps(const String& text, const String& file, MappingInfos& infos);
-
-}  // namespace Impl
 }  // namespace Tolan
 
 template <>
 struct fmt::formatter<Tolan::MappingInfo> : fmt::formatter<fmt::string_view> {
-  template <typename FormatContext>
-  auto format(const Tolan::MappingInfo& info, FormatContext& ctx) const {
-    return fmt::formatter<fmt::string_view>::format(info.toString(), ctx);
-  }
+  TOLAN_EXPORT format_context::iterator format(const Tolan::MappingInfo& info, format_context& ctx) const;
 };

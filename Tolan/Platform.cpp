@@ -3,6 +3,8 @@
 // Tolan::time() lives with the virtual-time offset in FastForward.cpp.
 #include "Tolan/Platform.h"
 
+#include <fmt/format.h>
+
 #include <cmath>
 #include <unordered_map>
 
@@ -40,7 +42,7 @@ namespace {
 
 // The introspection map, guarded by the global lock.
 std::unordered_map<std::string, ValuePrinterFunction>& printers() {
-  static auto* map = new std::unordered_map<std::string, ValuePrinterFunction>;
+  static NoDestructor<std::unordered_map<std::string, ValuePrinterFunction>> map;
   return *map;
 }
 
@@ -122,3 +124,10 @@ bool refCountingEnabled() { TOLAN_FAIL("not available in libTolan.so"); }
 
 }  // namespace Platform
 }  // namespace Tolan
+
+fmt::format_context::iterator fmt::formatter<Tolan::Platform::EventPriority>::format(Tolan::Platform::EventPriority p,
+                                                                                    format_context& ctx) const {
+  if (Tolan::Platform::isEventPriorityValid(p))
+    return formatter<string_view>::format(Tolan::Platform::eventPriorityToString(p), ctx);
+  return fmt::format_to(ctx.out(), "Invalid EventPriority={}", static_cast<unsigned>(p));
+}

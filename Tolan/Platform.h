@@ -31,11 +31,12 @@
 // call, and the loop stays usable.
 #pragma once
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "Tolan/Common.h"
 
@@ -44,7 +45,7 @@ namespace Tolan {
 // The library's clock in seconds: the monotonic clock plus the calling
 // thread's virtual-time offset (see setFastForward). Never goes backwards on
 // one thread. Every timing decision of the library is made on this clock.
-double time() noexcept;
+TOLAN_EXPORT double time() noexcept;
 
 namespace Platform {
 
@@ -57,11 +58,11 @@ enum EventPriority : uint8_t {
 
 constexpr bool isEventPriorityValid(EventPriority p) noexcept { return static_cast<unsigned>(p) < 2u; }
 // The enumerator's name, or "" for an invalid value.
-const char* eventPriorityToString(EventPriority p) noexcept;
+TOLAN_EXPORT const char* eventPriorityToString(EventPriority p) noexcept;
 
 // ---- handlers (implemented by clients) ----
 
-class TimeoutHandler {
+class TOLAN_EXPORT TimeoutHandler {
  public:
   virtual ~TimeoutHandler();
   // The armed timeout expired.
@@ -71,7 +72,7 @@ class TimeoutHandler {
   virtual bool handleTimeoutException();
 };
 
-class CallbackHandler {
+class TOLAN_EXPORT CallbackHandler {
  public:
   virtual ~CallbackHandler();
   // The requested deferred call.
@@ -80,7 +81,7 @@ class CallbackHandler {
   virtual bool handleCallbackException();
 };
 
-class FdEventHandler {
+class TOLAN_EXPORT FdEventHandler {
  public:
   virtual ~FdEventHandler();
   // `fd` is readable. Called again on every loop pass while it stays readable.
@@ -96,7 +97,7 @@ class FdEventHandler {
 
 // A one-shot timeout. Cost: arming and disarming are a heap insert/remove in
 // the thread's event base; no system call beyond reading the clock.
-class TimerControl {
+class TOLAN_EXPORT TimerControl {
  public:
   virtual ~TimerControl();
   // (Re)arms the timeout `seconds` from now; an armed timeout is replaced,
@@ -112,7 +113,7 @@ class TimerControl {
 
 // A deferred call: callback() from the event loop as soon as possible.
 // Cost of a request plus delivery: one zero-delay timer, no system call.
-class CallbackControl {
+class TOLAN_EXPORT CallbackControl {
  public:
   virtual ~CallbackControl();
   // Repeated requests before delivery give one call.
@@ -126,7 +127,7 @@ class CallbackControl {
 // Readiness of one descriptor. A fresh control has no descriptor (-1), read
 // interest on and write interest off. Read interest persists (one
 // notification per loop pass while readable); write interest is one-shot.
-class FdControl {
+class TOLAN_EXPORT FdControl {
  public:
   virtual ~FdControl();
   // Enables or disables read interest; takes effect at once when a
@@ -157,7 +158,7 @@ constexpr double kMaxTimeoutSeconds = 1e9;
 
 // Renders a value of a named type for introspection tools: the printer
 // registered for the type name, else a hex dump of `size` bytes.
-class ValuePrinter {
+class TOLAN_EXPORT ValuePrinter {
  public:
   ValuePrinter(std::string typeName, int size) : typeName_(std::move(typeName)), size_(size) {}
   // The registered printer's text; when there is none or it returns "", the
@@ -179,17 +180,17 @@ class ValuePrinter {
 
 using ValuePrinterFunction = std::string (*)(const void* value);
 // Registers (or with null removes) the printer for `typeName`. Any thread.
-void registerValuePrinter(const std::string& typeName, ValuePrinterFunction fn);
-std::shared_ptr<ValuePrinter> getValuePrinter(const std::string& typeName, int size);
+TOLAN_EXPORT void registerValuePrinter(const std::string& typeName, ValuePrinterFunction fn);
+TOLAN_EXPORT std::shared_ptr<ValuePrinter> getValuePrinter(const std::string& typeName, int size);
 
 // ---- factories: controls on the calling thread's event loop ----
 
-std::shared_ptr<TimerControl> getTimerControl(TimeoutHandler* h);
-std::shared_ptr<TimerControl> getTimerControl(TimeoutHandler* h, EventPriority p);
+TOLAN_EXPORT std::shared_ptr<TimerControl> getTimerControl(TimeoutHandler* h);
+TOLAN_EXPORT std::shared_ptr<TimerControl> getTimerControl(TimeoutHandler* h, EventPriority p);
 // Always at eventPriorityDefault.
-std::shared_ptr<CallbackControl> getCallbackControl(CallbackHandler* h);
+TOLAN_EXPORT std::shared_ptr<CallbackControl> getCallbackControl(CallbackHandler* h);
 // Both events at eventPriorityDefault.
-std::shared_ptr<FdControl> getFdControl(FdEventHandler* h);
+TOLAN_EXPORT std::shared_ptr<FdControl> getFdControl(FdEventHandler* h);
 
 // ---- running the calling thread's loop ----
 
@@ -197,16 +198,16 @@ std::shared_ptr<FdControl> getFdControl(FdEventHandler* h);
 // library's result (0 broken/normal exit, 1 no events left, -1 error). With
 // fast-forward on, only the wait for the first timer is skipped; later
 // timers are waited for in real time (bound the run with doEventLoop(double)).
-int doEventLoop();
+TOLAN_EXPORT int doEventLoop();
 // Runs for at most `maxTimeout` seconds (of Tolan::time()), delivering every
 // event that becomes due. With fast-forward on it returns after exactly
 // `maxTimeout` virtual seconds, advancing virtual time from timer to timer
 // instead of waiting. Negative bounds act as 0 (one pass over what is due);
 // NaN and infinities fail a library assertion.
-void doEventLoop(double maxTimeout);
+TOLAN_EXPORT void doEventLoop(double maxTimeout);
 // As doEventLoop(double), for a wait loop that polls a condition between
 // calls: with fast-forward on it advances to the first timer at most once.
-void doEventLoopInWaitfor(double maxTimeout);
+TOLAN_EXPORT void doEventLoopInWaitfor(double maxTimeout);
 
 // ---- virtual time ----
 
@@ -214,25 +215,25 @@ void doEventLoopInWaitfor(double maxTimeout);
 // advancing the thread's virtual-time offset to the next timer. Only the
 // process's main thread may switch it (else the assertion "FastForward
 // invoked from non-main thread"); meant for test and simulation set-up.
-void setFastForward(bool on);
-bool fastForward() noexcept;
+TOLAN_EXPORT void setFastForward(bool on);
+TOLAN_EXPORT bool fastForward() noexcept;
 // `fn` is called once on every change of the switch; registering a function
 // again has no further effect.
-void registerFastForwardChangeNotifier(void (*fn)());
+TOLAN_EXPORT void registerFastForwardChangeNotifier(void (*fn)());
 // Advances the calling thread's virtual time (and moves its pending timeouts
 // earlier) by `seconds`, microsecond resolution, without running the loop.
 // Fails the assertion "fast-forwarding disabled" when fast-forward is off;
 // negative, NaN and infinite amounts fail an assertion too; amounts beyond
 // kMaxTimeoutSeconds are clamped.
-void fastForwardBy(double seconds);
+TOLAN_EXPORT void fastForwardBy(double seconds);
 
 // ---- switches ----
 
 // Always false: this library has no release/debug split at run time.
-bool releaseMode() noexcept;
+TOLAN_EXPORT bool releaseMode() noexcept;
 // Not supported: both fail the assertion "not available in libTolan.so".
-void refCountingEnabledIs(bool on);
-bool refCountingEnabled();
+TOLAN_EXPORT void refCountingEnabledIs(bool on);
+TOLAN_EXPORT bool refCountingEnabled();
 
 }  // namespace Platform
 }  // namespace Tolan
@@ -240,10 +241,5 @@ bool refCountingEnabled();
 // A valid priority prints its name, any other value "Invalid EventPriority=<n>".
 template <>
 struct fmt::formatter<Tolan::Platform::EventPriority> : fmt::formatter<fmt::string_view> {
-  template <typename FormatContext>
-  auto format(Tolan::Platform::EventPriority p, FormatContext& ctx) const -> decltype(ctx.out()) {
-    if (Tolan::Platform::isEventPriorityValid(p))
-      return fmt::formatter<fmt::string_view>::format(Tolan::Platform::eventPriorityToString(p), ctx);
-    return fmt::format_to(ctx.out(), "Invalid EventPriority={}", static_cast<unsigned>(p));
-  }
+  TOLAN_EXPORT format_context::iterator format(Tolan::Platform::EventPriority p, format_context& ctx) const;
 };

@@ -16,12 +16,12 @@ namespace {
 // Created under the global lock on first use and never destroyed, so that a
 // plugin's static destructors at exit still find both.
 std::unordered_map<String, Plugin*>& registry() {
-  static auto* plugins = new std::unordered_map<String, Plugin*>();
+  static NoDestructor<std::unordered_map<String, Plugin*>> plugins;
   return *plugins;
 }
 
 DebugHandler& pluginHandle() {
-  static auto* owner = new std::shared_ptr<DebugHandler>(getDebugHandler("TolanPlugin"));
+  static NoDestructor<std::shared_ptr<DebugHandler>> owner(getDebugHandler("TolanPlugin"));
   return **owner;
 }
 

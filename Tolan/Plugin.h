@@ -17,12 +17,14 @@
 // Traces go to the "TolanPlugin" handle.
 #pragma once
 
+#include <string>
+
 #include "Tolan/Common.h"
 
 namespace Tolan {
 namespace Platform {
 
-class Plugin {
+class TOLAN_EXPORT Plugin {
  public:
   // The name the plugin registers under; must match its library's name.
   virtual String pluginName() const = 0;
@@ -34,14 +36,14 @@ class Plugin {
 // (traced at level 0 with dlerror's text) or was loaded before (traced at
 // level 3). A library that loads but does not register <name> is a library
 // assertion.
-void* loadPlugin(const char* name);
+TOLAN_EXPORT void* loadPlugin(const char* name);
 
 // Enters `plugin` under its pluginName(). Registering a name twice is a
 // library assertion. Meant for a plugin library's static initialisation.
-void registerPlugin(Plugin* plugin);
+TOLAN_EXPORT void registerPlugin(Plugin* plugin);
 
 // The plugin registered under `name`, or null.
-Plugin* findPlugin(const String& name);
+TOLAN_EXPORT Plugin* findPlugin(const String& name);
 
 }  // namespace Platform
 }  // namespace Tolan

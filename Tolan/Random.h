@@ -12,12 +12,13 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 #include "Tolan/Common.h"
 
 namespace Tolan {
 
-class Random {
+class TOLAN_EXPORT Random {
  public:
   // Chooses the seed on the first call only; on every call prints
   // "Tolan::Random::setSeed(), setting seed to <seed>" on standard error and

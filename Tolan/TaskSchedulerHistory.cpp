@@ -2,10 +2,13 @@
 
 #include <boost/iostreams/device/file_descriptor.hpp>
 #include <boost/iostreams/stream.hpp>
+#include <fmt/format.h>
 
 #include <iostream>
 #include <sstream>
 #include <stdexcept>
+
+#include "Tolan/Impl/TaskSchedulerAssert.h"
 
 namespace Tolan {
 namespace {

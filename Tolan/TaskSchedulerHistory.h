@@ -20,13 +20,11 @@
 #include <iosfwd>
 #include <string>
 
+#include "Tolan/Common.h"
 #include "Tolan/ConstStringCache.h"
 #include "Tolan/TaskTypes.h"
 
 namespace Tolan {
-
-class _TaskBase;
-class TaskScheduler;
 
 enum class TaskSchedulerEventType : uint8_t {
   // Task events, recorded under a task's name.
@@ -62,7 +60,7 @@ enum class TaskSchedulerEventType : uint8_t {
   lastEvent = schedulerTestYieldRatioOff,
 };
 
-class TaskSchedulerHistory {
+class TOLAN_EXPORT TaskSchedulerHistory {
  public:
   // One recorded event, 24 bytes. Holds one count on its name.
   struct Event {
@@ -102,11 +100,6 @@ class TaskSchedulerHistory {
     checkEventType(type, false);
     record(when, type, name);
   }
-  // The forms the scheduler calls; each takes the name through
-  // historyNameOf(), which the task and scheduler units provide.
-  void insert(const TaskTimePoint& when, TaskSchedulerEventType type, const _TaskBase* task);
-  void insert(const TaskTimePoint& when, TaskSchedulerEventType type, const TaskScheduler* scheduler);
-
   // A new key for a task registering with this history: 1, 2, 3, ...
   TaskKey taskKeyNew() noexcept { return TaskKey(++lastTaskKey_); }
 
@@ -145,19 +138,5 @@ class TaskSchedulerHistory {
   Buffer events_;
   uint32_t lastTaskKey_ = 0;
 };
-
-// The name under which a task's / a scheduler's events are recorded; defined
-// by the task and scheduler units.
-const ConstStringRef& historyNameOf(const _TaskBase& task) noexcept;
-const ConstStringRef& historyNameOf(const TaskScheduler& scheduler) noexcept;
-
-inline void TaskSchedulerHistory::insert(const TaskTimePoint& when, TaskSchedulerEventType type,
-                                         const _TaskBase* task) {
-  insertTaskEvent(when, type, historyNameOf(*task));
-}
-inline void TaskSchedulerHistory::insert(const TaskTimePoint& when, TaskSchedulerEventType type,
-                                         const TaskScheduler* scheduler) {
-  insertSchedulerEvent(when, type, historyNameOf(*scheduler));
-}
 
 }  // namespace Tolan

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cctype>
 
+#include "Tolan/Impl/TaskSchedulerAssert.h"
+
 namespace Tolan {
 namespace {
 

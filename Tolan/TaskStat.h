@@ -26,7 +26,7 @@ namespace Tolan {
 
 // An unsigned 32-bit counter where 0xFFFFFFFF means "no value": the kind of
 // task keeps no such counter. Test hasValue() before comparing or printing.
-class TaskMaybeU32 {
+class TOLAN_EXPORT TaskMaybeU32 {
  public:
   static constexpr uint32_t kNoValue = 0xFFFFFFFFu;
 
@@ -46,7 +46,7 @@ class TaskMaybeU32 {
   uint32_t raw_ = 0;
 };
 
-class TaskStat {
+class TOLAN_EXPORT TaskStat {
  public:
   // Status flags of a task at the time of the copy. One byte.
   class TaskStatus {
@@ -164,7 +164,7 @@ class TaskStat {
 };
 
 // Task counts of one priority of one scheduler.
-struct TaskSchedulerPriorityStats {
+struct TOLAN_EXPORT TaskSchedulerPriorityStats {
   TaskSchedulerPriorityStats() noexcept = default;
   explicit TaskSchedulerPriorityStats(TaskPriority p, uint32_t runnable = 0, uint32_t idle = 0,
                                       uint32_t completed = 0, uint64_t totalRuns = 0) noexcept
@@ -186,6 +186,7 @@ using TaskSchedulerQueueStats = std::map<TaskPriority, TaskSchedulerPriorityStat
 
 // Adds each of `other`'s records to the one of the same priority in `stats`,
 // or copies it in. Returns `stats`.
-TaskSchedulerQueueStats& operator+=(TaskSchedulerQueueStats& stats, const TaskSchedulerQueueStats& other);
+TOLAN_EXPORT TaskSchedulerQueueStats& operator+=(TaskSchedulerQueueStats& stats,
+                                               const TaskSchedulerQueueStats& other);
 
 }  // namespace Tolan

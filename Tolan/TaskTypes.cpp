@@ -1,5 +1,7 @@
 #include "Tolan/TaskTypes.h"
 
+#include <fmt/format.h>
+
 #include "Tolan/Assert.h"
 
 namespace Tolan {
@@ -30,11 +32,16 @@ char TaskPriority::oneChar() const {
 
 std::string TaskKey::toStrep() const { return fmt::format("@{}", value_); }
 
-namespace Impl {
+}  // namespace Tolan
 
-void taskSchedulerAssertFail(const char* function, unsigned line, const std::string& message) noexcept {
-  processAssertFail(message.c_str(), "TaskSchedulerCpp", line, function);
+fmt::format_context::iterator fmt::formatter<Tolan::TaskPriority>::format(Tolan::TaskPriority priority,
+                                                                          format_context& ctx) const {
+  return formatter<string_view>::format(priority.toStrep(), ctx);
 }
 
-}  // namespace Impl
-}  // namespace Tolan
+fmt::format_context::iterator fmt::formatter<Tolan::TaskKey>::format(Tolan::TaskKey key, format_context& ctx) const {
+  auto out = ctx.out();
+  *out++ = '@';
+  ctx.advance_to(out);
+  return formatter<uint32_t>::format(key.value(), ctx);
+}

@@ -5,12 +5,11 @@
 // them.
 #pragma once
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <chrono>
 #include <cstdint>
-#include <functional>
-#include <string>
+#include <string>  // also declares std::hash
 
 #include "Tolan/Common.h"
 
@@ -23,7 +22,7 @@ using TaskTimePoint = std::chrono::time_point<std::chrono::steady_clock, TaskTim
 // The priority of a task; the smaller value runs first. Converts to and from
 // its enumerator, so `p == TaskPriority::normal`, `switch (p)` and ordered
 // containers work directly. One byte.
-class TaskPriority {
+class TOLAN_EXPORT TaskPriority {
  public:
   enum Value : uint8_t {
     absolute = 0,
@@ -60,7 +59,7 @@ class TaskPriority {
 };
 
 // A task's identity within its thread's history; printed "@<number>".
-class TaskKey {
+class TOLAN_EXPORT TaskKey {
  public:
   constexpr TaskKey() noexcept = default;
   explicit constexpr TaskKey(uint32_t value) noexcept : value_(value) {}
@@ -76,15 +75,6 @@ class TaskKey {
   uint32_t value_ = 0;
 };
 
-namespace Impl {
-
-// The scheduler's invariant checks: the C library's assertion report, naming
-// "TaskSchedulerCpp", `function` and `line`, with `message` as its text.
-// Ends the process even under NDEBUG.
-[[noreturn]] TOLAN_COLD void taskSchedulerAssertFail(const char* function, unsigned line,
-                                                     const std::string& message) noexcept;
-
-}  // namespace Impl
 }  // namespace Tolan
 
 namespace std {
@@ -94,21 +84,14 @@ struct hash<Tolan::TaskKey> {
 };
 }  // namespace std
 
+// A priority prints its name ("normal"); format specs apply as to a string.
 template <>
 struct fmt::formatter<Tolan::TaskPriority> : fmt::formatter<fmt::string_view> {
-  template <typename FormatContext>
-  auto format(Tolan::TaskPriority priority, FormatContext& ctx) const -> decltype(ctx.out()) {
-    return fmt::formatter<fmt::string_view>::format(priority.toStrep(), ctx);
-  }
+  TOLAN_EXPORT format_context::iterator format(Tolan::TaskPriority priority, format_context& ctx) const;
 };
 
+// A key prints "@" and its number ("@42"); format specs apply to the number.
 template <>
 struct fmt::formatter<Tolan::TaskKey> : fmt::formatter<uint32_t> {
-  template <typename FormatContext>
-  auto format(Tolan::TaskKey key, FormatContext& ctx) const -> decltype(ctx.out()) {
-    auto out = ctx.out();
-    *out++ = '@';
-    ctx.advance_to(out);
-    return fmt::formatter<uint32_t>::format(key.value(), ctx);
-  }
+  TOLAN_EXPORT format_context::iterator format(Tolan::TaskKey key, format_context& ctx) const;
 };

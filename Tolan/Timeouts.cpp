@@ -1,4 +1,4 @@
-#include "Tolan/Timeouts.h"
+#include "Tolan/Impl/Timeouts.h"
 
 #include <cerrno>
 #include <cstdlib>

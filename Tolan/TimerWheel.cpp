@@ -1,10 +1,13 @@
 #include "Tolan/TimerWheel.h"
 
+#include <fmt/format.h>
+
 #include <cmath>
 #include <cstddef>
 
 #include "Tolan/Assert.h"
 #include "Tolan/Debug.h"
+#include "Tolan/Impl/Timeouts.h"
 #include "Tolan/Thread.h"
 
 namespace Tolan {
@@ -23,7 +26,7 @@ constexpr int stateBit(TimerWheelState s) noexcept { return kNotLinkedBit << s; 
 // One channel for all wheels; created on first use and kept for the life of
 // the process, so that wheels released at exit can still trace.
 Platform::DebugHandler& wheelDebug() {
-  static const auto* handler = new std::shared_ptr<Platform::DebugHandler>(Platform::getDebugHandler("TimerWheel"));
+  static NoDestructor<std::shared_ptr<Platform::DebugHandler>> handler(Platform::getDebugHandler("TimerWheel"));
   return **handler;
 }
 
@@ -47,6 +50,18 @@ const void* ptr(const TimerWheelEvent* ev) { return ev; }
 
 static_assert(TimerWheel::kTicksPerSecond == 100, "tick conversions above assume 100 ticks per second");
 
+// ---- the link storage ----
+
+struct timeout* TimerWheelEvent::link() noexcept {
+  static_assert(sizeof(struct timeout) == kLinkSize && alignof(struct timeout) <= 8,
+                "TimerWheelEvent::linkStorage_ must match the timing wheel's link");
+  return std::launder(reinterpret_cast<struct timeout*>(linkStorage_));
+}
+
+const struct timeout* TimerWheelEvent::link() const noexcept {
+  return std::launder(reinterpret_cast<const struct timeout*>(linkStorage_));
+}
+
 const char* timerWheelStateToString(TimerWheelState s) noexcept {
   switch (s) {
     case notLinked: return "notLinked";
@@ -59,7 +74,7 @@ const char* timerWheelStateToString(TimerWheelState s) noexcept {
 // ---- TimerWheelEvent ----
 
 TimerWheelEvent::TimerWheelEvent() noexcept : expirationTime_(kNever) {
-  timeout_init(&link_, TIMEOUT_ABS | kNotLinkedBit);
+  timeout_init(::new (static_cast<void*>(linkStorage_)) struct timeout, TIMEOUT_ABS | kNotLinkedBit);
 }
 
 TimerWheelEvent::~TimerWheelEvent() {
@@ -68,7 +83,7 @@ TimerWheelEvent::~TimerWheelEvent() {
 }
 
 TimerWheelState TimerWheelEvent::state() const {
-  const int bits = link_.flags & kStateBits;
+  const int bits = link()->flags & kStateBits;
   TOLAN_ASSERT_C(bits && !(bits & (bits - 1)), TimerWheelEvent, "None or multiple of our flags set {}", bits);
   switch (bits) {
     case kNotLinkedBit: return notLinked;
@@ -83,7 +98,7 @@ void TimerWheelEvent::stateIs(TimerWheelState s) {
   const TimerWheelState current = state();
   TOLAN_ASSERT_C(s == current || current == notLinked || s == notLinked, TimerWheelEvent,
                  "State change {} -> {} must go via {}", current, s, notLinked);
-  link_.flags = (link_.flags & ~kStateBits) | stateBit(s);
+  link()->flags = (link()->flags & ~kStateBits) | stateBit(s);
 }
 
 void TimerWheelEvent::setTimeout(const std::shared_ptr<TimerWheel>& wheel, double delay) {
@@ -103,7 +118,7 @@ TimerWheelEvent* TimerWheelEvent::timeoutLink2TimerWheelEvent(struct timeout* li
   // g++ and clang give the member's offset, which is all this needs.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Winvalid-offsetof"
-  return reinterpret_cast<TimerWheelEvent*>(reinterpret_cast<char*>(link) - offsetof(TimerWheelEvent, link_));
+  return reinterpret_cast<TimerWheelEvent*>(reinterpret_cast<char*>(link) - offsetof(TimerWheelEvent, linkStorage_));
 #pragma GCC diagnostic pop
 }
 
@@ -194,7 +209,7 @@ void TimerWheel::timerStart(TimerWheelEvent* ev, double delay) {
   const timeout_t tick = expiryTick(expire);
   TOLAN_TRACE_C(wheelDebug(), 9, TimerWheel, "timer {} set timeout {} expire at {} tick {}", ptr(ev), delay, expire,
                 tick);
-  timeouts_add(wheel_, &ev->link_, tick);
+  timeouts_add(wheel_, ev->link(), tick);
   ev->stateIs(inTimerWheel);
   if (masterExpiry_ > expire) setMasterTimer();
 }
@@ -206,7 +221,7 @@ void TimerWheel::timerStop(TimerWheelEvent* ev) {
   }
   TOLAN_TRACE_C(wheelDebug(), 9, TimerWheel, "timer {} del timeout", ptr(ev));
   switch (ev->state()) {
-    case inTimerWheel: timeouts_del(wheel_, &ev->link_); break;
+    case inTimerWheel: timeouts_del(wheel_, ev->link()); break;
     case inTimersExpiryingSoon: unlinkExpiringSoon(ev); break;
     case notLinked:
       TOLAN_FAIL_C(TimerWheel, "Not linked but expirationTime={}", ev->expirationTime_);
@@ -313,7 +328,8 @@ std::shared_ptr<TimerWheel> getTimerWheel() {
   }
   // Never destroyed: the process-wide wheel may be used until exit, after
   // other statics (the event base among them) are gone.
-  static auto* processWheel = new std::shared_ptr<TimerWheel>(std::make_shared<TimerWheel>(Platform::eventPriorityDefault));
+  static NoDestructor<std::shared_ptr<TimerWheel>> processWheel(
+      std::make_shared<TimerWheel>(Platform::eventPriorityDefault));
   return *processWheel;
 }
 
@@ -359,3 +375,8 @@ std::shared_ptr<TimerControl> getTimerControl(TimeoutHandler* handler, std::shar
 
 }  // namespace Platform
 }  // namespace Tolan
+
+fmt::format_context::iterator fmt::formatter<Tolan::TimerWheelState>::format(Tolan::TimerWheelState s,
+                                                                             format_context& ctx) const {
+  return formatter<string_view>::format(Tolan::timerWheelStateToString(s), ctx);
+}

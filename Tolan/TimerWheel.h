@@ -1,7 +1,7 @@
 // TimerWheel.h - many timers on one event-loop timer.
 //
 // A TimerWheel keeps any number of timers in a hierarchical timing wheel
-// (Tolan/Timeouts.h, 10 ms ticks) and arms a single "master" timer on the
+// (10 ms ticks) and arms a single "master" timer on the
 // thread's event loop for the earliest of them. Timers whose tick has come
 // move into a small map ordered by exact expiry, and the master timer is then
 // armed for that exact time: timers fire on time, not on a tick boundary.
@@ -23,15 +23,19 @@
 // runs the wheel's master timer; nothing is locked.
 #pragma once
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <limits>
 #include <map>
 #include <memory>
 
+#include "Tolan/Common.h"
 #include "Tolan/Platform.h"
-#include "Tolan/Timeouts.h"
+
+struct timeout;
+struct timeouts;
 
 namespace Tolan {
 
@@ -46,13 +50,13 @@ enum TimerWheelState : uint8_t {
 };
 
 // "notLinked", "inTimerWheel", "inTimersExpiryingSoon", or "unknownState".
-const char* timerWheelStateToString(TimerWheelState s) noexcept;
+TOLAN_EXPORT const char* timerWheelStateToString(TimerWheelState s) noexcept;
 
 // One timer of a wheel, embedded in (or the base of) its owner. Not copyable.
 // Stop it (delTimeout) before destroying it: destroying a linked event is the
 // library assertion "TimerWheelEvent {} destroyed while {}", which ends the
 // process (a destructor cannot throw it).
-class TimerWheelEvent {
+class TOLAN_EXPORT TimerWheelEvent {
  public:
   TimerWheelEvent() noexcept;
   TimerWheelEvent(const TimerWheelEvent&) = delete;
@@ -77,22 +81,28 @@ class TimerWheelEvent {
   double expirationTime() const noexcept { return expirationTime_; }
   bool running() const noexcept { return expirationTime_ != std::numeric_limits<double>::infinity(); }
 
-  // Decoded from the link's flags. Assertions: "None or multiple of our flags
-  // set {}" when not exactly one state bit is set.
+  // Where the event is, decoded from its link's flags. Assertions: "None or
+  // multiple of our flags set {}" when not exactly one state bit is set.
   TimerWheelState state() const;
-  // Moves between the wheel and the soon-map must pass through notLinked
-  // ("State change {} -> {} must go via {}"); values of 3 or more fail
-  // "invalid state {}". Used by the wheel; public for its tests.
-  void stateIs(TimerWheelState s);
-
-  // The event that embeds `link`, a link handed out by the wheel's timeouts.
-  static TimerWheelEvent* timeoutLink2TimerWheelEvent(struct timeout* link) noexcept;
 
  private:
   friend class TimerWheel;
   friend class TimersAtTimeout;
 
-  struct timeout link_;
+  // Moves between the wheel and the soon-map must pass through notLinked
+  // ("State change {} -> {} must go via {}"); values of 3 or more fail
+  // "invalid state {}".
+  void stateIs(TimerWheelState s);
+  // The event that embeds `link`, a link handed out by the wheel's timeouts.
+  static TimerWheelEvent* timeoutLink2TimerWheelEvent(struct timeout* link) noexcept;
+  struct timeout* link() noexcept;
+  const struct timeout* link() const noexcept;
+
+  // The timing wheel's link, held in place so that an event costs no
+  // allocation. Its type belongs to the internal timing wheel; TimerWheel.cpp
+  // checks that size and alignment match.
+  static constexpr size_t kLinkSize = 40;
+  alignas(8) unsigned char linkStorage_[kLinkSize];
   double expirationTime_;
   TimerWheelEvent* next_ = nullptr;  // membership in one TimersAtTimeout
   TimerWheelEvent* prev_ = nullptr;
@@ -101,7 +111,7 @@ class TimerWheelEvent {
 // The events that expire at one exact time, in the order they arrived.
 // Intrusive: no allocation. Destroying a non-empty list is the library
 // assertion "Destroyed while non-empty" (ends the process).
-class TimersAtTimeout {
+class TOLAN_EXPORT TimersAtTimeout {
  public:
   TimersAtTimeout() noexcept = default;
   TimersAtTimeout(const TimersAtTimeout&) = delete;
@@ -121,7 +131,7 @@ class TimersAtTimeout {
 
 // The wheel. Itself the TimeoutHandler of its master timer. Held by shared
 // pointer; wheel timer controls keep their wheel alive.
-class TimerWheel : public Platform::TimeoutHandler {
+class TOLAN_EXPORT TimerWheel : public Platform::TimeoutHandler {
  public:
   // Ticks per second of the underlying timing wheel.
   static constexpr unsigned kTicksPerSecond = 100;
@@ -181,11 +191,11 @@ class TimerWheel : public Platform::TimeoutHandler {
 // singletons, released at thread exit; else one for the process, never
 // destroyed), created on first use with a master timer at
 // eventPriorityDefault.
-std::shared_ptr<TimerWheel> getTimerWheel();
+TOLAN_EXPORT std::shared_ptr<TimerWheel> getTimerWheel();
 
 // A new wheel whose master timer runs at `priority`; for a scheduler root,
 // which keeps it.
-std::shared_ptr<TimerWheel> getTimerWheelForTaskScheduler(Platform::EventPriority priority);
+TOLAN_EXPORT std::shared_ptr<TimerWheel> getTimerWheelForTaskScheduler(Platform::EventPriority priority);
 
 namespace Platform {
 
@@ -193,15 +203,13 @@ namespace Platform {
 // `handler` must outlive the control. An exception from handler->timeout()
 // is offered to handler->handleTimeoutException() first; if that returns
 // false it leaves the wheel's timeout() and then the event loop.
-std::shared_ptr<TimerControl> getTimerControl(TimeoutHandler* handler, std::shared_ptr<TimerWheel> wheel);
+TOLAN_EXPORT std::shared_ptr<TimerControl> getTimerControl(TimeoutHandler* handler,
+                                                           std::shared_ptr<TimerWheel> wheel);
 
 }  // namespace Platform
 }  // namespace Tolan
 
 template <>
 struct fmt::formatter<Tolan::TimerWheelState> : fmt::formatter<fmt::string_view> {
-  template <typename FormatContext>
-  auto format(Tolan::TimerWheelState s, FormatContext& ctx) const -> decltype(ctx.out()) {
-    return fmt::formatter<fmt::string_view>::format(Tolan::timerWheelStateToString(s), ctx);
-  }
+  TOLAN_EXPORT format_context::iterator format(Tolan::TimerWheelState s, format_context& ctx) const;
 };

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 #include "Tolan/Common.h"
 #include "Tolan/HashMix.h"
@@ -18,7 +19,7 @@ namespace Util {
 // Six characters for a 32-bit value, least significant 6-bit group first,
 // from the alphabet "A-Za-z0-9_=" ("_" is 62, "=" is 63). No padding. Short,
 // fixed-width and safe in file names; not the MIME base64 alphabet.
-String base64Encode(uint32_t value);
+TOLAN_EXPORT String base64Encode(uint32_t value);
 
 }  // namespace Util
 }  // namespace Tolan

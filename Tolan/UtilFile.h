@@ -11,6 +11,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <string>
 
 #include "Tolan/Common.h"
 
@@ -26,29 +27,29 @@ namespace Util {
 // last directory, EEXIST when that directory already existed, and otherwise
 // the errno of the step that failed (ENOTDIR when a component, or the path
 // itself, exists but is not a directory; EINVAL for an empty path).
-int mkpath(const String& path, mode_t mode);
+TOLAN_EXPORT int mkpath(const String& path, mode_t mode);
 
 // Reads the whole file into `contents` (replacing it), looping until end of
 // file, so that /proc files, which report a size of 0, are read completely.
 // On failure traces "could not read file:{} error:{}" at level 1, leaves
 // `contents` empty and returns false.
-bool readFile(Platform::DebugHandler& handler, const String& path, String& contents);
+TOLAN_EXPORT bool readFile(Platform::DebugHandler& handler, const String& path, String& contents);
 
 // Creates `path` with `mode` (less the umask) if missing, then sets its
 // modification and access times to now. Returns false (errno set) on failure.
-bool touch(const String& path, mode_t mode = 0666);
+TOLAN_EXPORT bool touch(const String& path, mode_t mode = 0666);
 
 // Removes a file (not a directory). A file that does not exist counts as
 // removed. Returns false (errno set) on any other failure.
-bool removeFile(const String& path);
+TOLAN_EXPORT bool removeFile(const String& path);
 
 // Size in bytes of the file at `path` (symbolic links followed); nullopt
 // (errno set) when it cannot be examined.
-std::optional<uint64_t> fileSize(const String& path);
+TOLAN_EXPORT std::optional<uint64_t> fileSize(const String& path);
 
 // The current directory. On failure traces "getcwd() failed:{}" at level 1
 // and returns an empty string.
-String getCwd(Platform::DebugHandler& handler);
+TOLAN_EXPORT String getCwd(Platform::DebugHandler& handler);
 
 }  // namespace Util
 }  // namespace Tolan

@@ -15,6 +15,7 @@
 #include "Tolan/DirNode.h"
 #include "Tolan/Errno.h"
 #include "Tolan/Exception.h"
+#include "Tolan/Impl/ProcParsers.h"
 #include "Tolan/UtilFile.h"
 
 namespace Tolan {

@@ -26,7 +26,7 @@
 
 #include "Tolan/Platform.h"
 #include "Tolan/TimerWheel.h"
-#include "Tolan/Timeouts.h"
+#include "Tolan/Impl/Timeouts.h"
 #include "BenchReporter.h"
 
 namespace {

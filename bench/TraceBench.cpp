@@ -27,6 +27,7 @@
 #include <unistd.h>
 
 #include "Tolan/Debug.h"
+#include "Tolan/DebugOutput.h"
 #include "BenchReporter.h"
 
 namespace {

@@ -8,6 +8,7 @@
 #include "FuzzSupport.h"
 #include "Tolan/Assert.h"
 #include "Tolan/Exception.h"
+#include "Tolan/Impl/ProcParsers.h"
 #include "Tolan/Mappings.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {

@@ -10,7 +10,7 @@
 #include <set>
 #include <utility>
 
-#include "Tolan/Timeouts.h"
+#include "Tolan/Impl/Timeouts.h"
 
 namespace {
 

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "FuzzSupport.h"
+#include "Tolan/DebugOutput.h"
 #include "Tolan/Exception.h"
 
 namespace {

@@ -14,6 +14,7 @@
 
 #include "Tolan/Assert.h"
 #include "Tolan/Debug.h"
+#include "Tolan/DebugOutput.h"
 
 using namespace ::testing;
 

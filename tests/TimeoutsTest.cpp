@@ -7,7 +7,7 @@
 
 #include "Tolan/Assert.h"
 #include "Tolan/Exception.h"
-#include "Tolan/Timeouts.h"
+#include "Tolan/Impl/Timeouts.h"
 #include "support/TimeoutsModel.h"
 
 namespace {

@@ -180,19 +180,6 @@ TEST_F(TimerWheelTest, HandlerExceptionsLeaveTheLoopButDueTimersStillFire) {
   EXPECT_EQ(bad.fired, 2);
 }
 
-TEST_F(TimerWheelTest, StateChangesMustPassThroughNotLinked) {
-  Event ev(&order, 0);
-  EXPECT_EQ(ev.state(), Tolan::notLinked);
-  ev.stateIs(Tolan::inTimerWheel);
-  EXPECT_ASSERTS(ev.stateIs(Tolan::inTimersExpiryingSoon),
-                 "State change inTimerWheel -> inTimersExpiryingSoon must go via notLinked");
-  EXPECT_EQ(ev.state(), Tolan::inTimerWheel);
-  EXPECT_ASSERTS(ev.stateIs(static_cast<Tolan::TimerWheelState>(3)), "invalid state 3");
-  ev.stateIs(Tolan::notLinked);
-  ev.stateIs(Tolan::inTimersExpiryingSoon);
-  ev.stateIs(Tolan::notLinked);
-}
-
 TEST_F(TimerWheelTest, DestroyingALinkedEventOrANonEmptyListEndsTheProcess) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_DEATH(

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "Tolan/Debug.h"
+#include "Tolan/DebugOutput.h"
 
 namespace {
 thread_local bool tlsCounting = false;

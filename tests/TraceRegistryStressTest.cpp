@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "Tolan/Debug.h"
+#include "Tolan/DebugOutput.h"
 
 namespace {
 

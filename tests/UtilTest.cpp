@@ -10,6 +10,7 @@
 #include "Tolan/Assert.h"
 #include "Tolan/Debug.h"
 #include "Tolan/Exception.h"
+#include "Tolan/Impl/ProcParsers.h"
 #include "Tolan/Mappings.h"
 #include "Tolan/Util.h"
 #include "support/SysFixtures.h"

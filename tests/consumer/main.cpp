@@ -11,6 +11,7 @@
 #include <string>
 
 #include "Tolan/Debug.h"
+#include "Tolan/DebugOutput.h"
 
 namespace {
 

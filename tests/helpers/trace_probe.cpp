@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "Tolan/Debug.h"
+#include "Tolan/DebugOutput.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include "Tolan/Timeouts.h"
+#include "Tolan/Impl/Timeouts.h"
 
 namespace TolanTest {
 

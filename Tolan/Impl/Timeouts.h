@@ -1,4 +1,4 @@
-/* Timeouts.h - a hierarchical timing wheel with a C interface.
+/* Impl/Timeouts.h - a hierarchical timing wheel with a C interface.
  *
  * Keeps any number of timeouts, each an intrusive `struct timeout` link that
  * the caller embeds in its own object, and reports which have fallen due as
@@ -21,15 +21,23 @@
  *
  * Not thread safe: a wheel and its links belong to one thread at a time.
  * Usable from C and C++.
+ *
+ * Internal to the library (TimerWheel is the public face) and not installed.
+ * The functions are exported all the same, so that the in-tree tests, the
+ * fuzzer and the benchmark can drive the wheel as a unit.
  */
 #pragma once
 
 #ifdef __cplusplus
 #include <cstdint>
+
+#include "Tolan/Common.h"
 extern "C" {
 #else
 #include <stdbool.h>
 #include <stdint.h>
+/* C callers only import these functions. */
+#define TOLAN_EXPORT
 #endif
 
 typedef uint64_t timeout_t;
@@ -60,51 +68,51 @@ struct timeout {
 /* A new, empty wheel at current tick 0 running at `hz` ticks per second.
  * Null on failure with *error set (EINVAL for hz 0, ENOMEM); `error` may be
  * null. */
-struct timeouts* timeouts_open(timeout_t hz, int* error);
+TOLAN_EXPORT struct timeouts* timeouts_open(timeout_t hz, int* error);
 
 /* Detaches every link still held (they read as not pending afterwards) and
  * frees the wheel. Null is ignored. */
-void timeouts_close(struct timeouts* T);
+TOLAN_EXPORT void timeouts_close(struct timeouts* T);
 
 /* Sets the flags and marks the link as held by no wheel. Returns `link`. */
-struct timeout* timeout_init(struct timeout* link, int flags);
+TOLAN_EXPORT struct timeout* timeout_init(struct timeout* link, int flags);
 
 /* True while the link is held by a wheel (waiting or already expired). */
-bool timeout_pending(const struct timeout* link);
+TOLAN_EXPORT bool timeout_pending(const struct timeout* link);
 
 /* Arms `link` for `tick` (absolute with TIMEOUT_ABS, else relative to the
  * current tick). A link already held by this wheel is moved, never doubled.
  * A tick at or before the current one makes the link expired at once. */
-void timeouts_add(struct timeouts* T, struct timeout* link, timeout_t tick);
+TOLAN_EXPORT void timeouts_add(struct timeouts* T, struct timeout* link, timeout_t tick);
 
 /* Disarms `link`, whether waiting or expired but not yet fetched. A link that
  * is not held does nothing. A link held by another wheel is a library
  * assertion. */
-void timeouts_del(struct timeouts* T, struct timeout* link);
+TOLAN_EXPORT void timeouts_del(struct timeouts* T, struct timeout* link);
 
 /* Advances the wheel to `curtick`; links whose tick is at or before it become
  * expired. A tick earlier than the current one is ignored (the clock never
  * runs backwards). */
-void timeouts_update(struct timeouts* T, timeout_t curtick);
+TOLAN_EXPORT void timeouts_update(struct timeouts* T, timeout_t curtick);
 
 /* Removes and returns one expired link, or null when none is left. */
-struct timeout* timeouts_get(struct timeouts* T);
+TOLAN_EXPORT struct timeout* timeouts_get(struct timeouts* T);
 
 /* True when timeouts_get() would return a link. */
-bool timeouts_expired(struct timeouts* T);
+TOLAN_EXPORT bool timeouts_expired(struct timeouts* T);
 
 /* True when links are waiting for a later tick. */
-bool timeouts_pending(struct timeouts* T);
+TOLAN_EXPORT bool timeouts_pending(struct timeouts* T);
 
 /* Ticks the caller may wait before the next update can expire something:
  * 0 when links are already expired, TIMEOUT_NEVER when nothing is held.
  * Never more than the distance to the earliest waiting link; it may be less
  * when that link sits on a coarse level, in which case the update at that
  * point refines it (a link needs at most one such step per level). */
-timeout_t timeouts_timeout(struct timeouts* T);
+TOLAN_EXPORT timeout_t timeouts_timeout(struct timeouts* T);
 
 /* The current tick (the last value given to timeouts_update(), or 0). */
-timeout_t timeouts_current(const struct timeouts* T);
+TOLAN_EXPORT timeout_t timeouts_current(const struct timeouts* T);
 
 #ifdef __cplusplus
 }
