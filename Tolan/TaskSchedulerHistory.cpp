@@ -1,13 +1,12 @@
 #include "Tolan/TaskSchedulerHistory.h"
 
-#include <boost/iostreams/device/file_descriptor.hpp>
-#include <boost/iostreams/stream.hpp>
 #include <fmt/format.h>
 
 #include <iostream>
 #include <sstream>
 #include <stdexcept>
 
+#include "Tolan/FdToStream.h"
 #include "Tolan/Impl/TaskSchedulerAssert.h"
 
 namespace Tolan {
@@ -86,7 +85,7 @@ void TaskSchedulerHistory::historyRenderTextForDebug(std::ostream& out) const {
 }
 
 void TaskSchedulerHistory::historyRenderTextForDebug(int fd) const {
-  boost::iostreams::stream<boost::iostreams::file_descriptor_sink> out(fd, boost::iostreams::never_close_handle);
+  FdToStream out(fd, false);
   historyRenderTextForDebug(out);
   out.flush();
 }

@@ -118,7 +118,9 @@ class TOLAN_EXPORT TaskSchedulerHistory {
   // "<ns> ns since boot <us> µs <display()>", where <us> is the time since
   // the event before it (the next line; 0 on the oldest).
   void historyRenderTextForDebug(std::ostream& out) const;
-  void historyRenderTextForDebug(int fd) const;  // the descriptor is left open
+  // Through an FdToStream (see there): a blocking descriptor, left open; a
+  // write error only stops the output.
+  void historyRenderTextForDebug(int fd) const;
   std::string historyRenderTextForDebugToString() const;
   void historyRenderTextForDebugStdErr() const;
 
