@@ -1,7 +1,9 @@
 // A program outside the library's tree, built only from what `install` puts
 // in place. It checks that the library started up on load, that a trace line
-// reaches the file named by TRACEFILE exactly as written, and that a disabled
-// call neither writes nor evaluates its arguments.
+// reaches the file named by TRACEFILE exactly as written, that a disabled
+// call neither writes nor evaluates its arguments, and that the library's
+// exceptions cross into the program: an assertion failed inside the library
+// and one failed by the program's own TOLAN_ASSERT are caught by type.
 //
 //   consumer <trace file>      exit 0 when every check holds
 #include <cstdio>
@@ -10,8 +12,11 @@
 #include <sstream>
 #include <string>
 
+#include "Tolan/Assert.h"
 #include "Tolan/Debug.h"
 #include "Tolan/DebugOutput.h"
+#include "Tolan/Exception.h"
+#include "Tolan/Platform.h"
 
 namespace {
 
@@ -58,6 +63,23 @@ int main(int argc, char** argv) {
   text << in.rdbuf();
   const std::string expected = "PackagingConsumer 5 hello from the consumer number 42\n";
   check(text.str() == expected, "trace file holds \"" + expected + "\" but holds \"" + text.str() + "\"");
+
+  // Library assertions throw once asked to, and the program catches them by
+  // their type, whether the library or the program itself failed them.
+  Tolan::throwOnAssertFailIs(true);
+  const auto caught = [](auto&& fail, const std::string& text) {
+    try {
+      fail();
+    } catch (const Tolan::AssertException& e) {
+      return e.msg().find(text) != std::string::npos && std::string(e.name()) == "Tolan::AssertException";
+    } catch (...) {
+    }
+    return false;
+  };
+  check(caught([] { Tolan::Platform::refCountingEnabled(); }, "not available in libTolan.so"),
+        "an assertion failed inside the library is caught as Tolan::AssertException");
+  check(caught([] { TOLAN_ASSERT(evaluations == 1, "consumer's own check {}", 7); }, "consumer's own check 7"),
+        "the program's own TOLAN_ASSERT throws Tolan::AssertException");
 
   if (failures) return 1;
   std::printf("consumer: all checks passed\n");

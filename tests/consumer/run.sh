@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
-# Installs a built libTolan into a scratch prefix, checks the installed tree,
-# then builds and runs the consumer in this directory against that tree twice:
-# once through find_package(Tolan), once through pkg-config.
+# Installs a built libTolan into a scratch prefix, checks the installed tree
+# (exactly the public headers, each compiling on its own; the versioned
+# library; its dynamic symbol table), then builds and runs the consumer in
+# this directory against that tree twice: once through find_package(Tolan),
+# once through pkg-config.
 #
 #   run.sh BUILD_DIR SOURCE_DIR [CXX [CXXFLAGS]]
 #
@@ -36,8 +38,23 @@ cmake --install "$build" --prefix "$prefix" >"$work/install.log" 2>&1 || {
 }
 
 # ---- the installed tree ----
-for header in "$src"/Tolan/*.h; do
-  [ -f "$prefix/include/Tolan/$(basename "$header")" ] || fail "header $(basename "$header") not installed"
+# Exactly the public headers (Tolan/*.h); nothing from Tolan/Impl/.
+expected_headers=$(cd "$src/Tolan" && ls -- *.h | sort)
+installed_headers=$(cd "$prefix/include/Tolan" && find . -type f | sed 's|^\./||' | sort)
+[ "$installed_headers" = "$expected_headers" ] ||
+  fail "installed headers differ from Tolan/*.h: $(diff <(echo "$expected_headers") <(echo "$installed_headers") | grep '^[<>]' | tr '\n' ' ')"
+[ ! -e "$prefix/include/Tolan/Impl" ] || fail "internal headers (Tolan/Impl) were installed"
+
+# Each one compiles on its own against the installed tree, warning-free: no
+# public header leans on another being included first, or on an internal one.
+step "compiling each of the $(echo "$expected_headers" | wc -l) installed headers on its own"
+for header in $expected_headers; do
+  # shellcheck disable=SC2086 # flags are words
+  echo "#include \"Tolan/$header\"" | "$cxx" -std=c++17 $cxxflags -Wall -Wextra -Werror -fsyntax-only \
+    -I"$prefix/include" -x c++ - 2>"$work/header.log" || {
+    cat "$work/header.log" >&2
+    fail "installed header Tolan/$header does not compile on its own"
+  }
 done
 
 link=$(find "$prefix" -name libTolan.so | head -n 1)
@@ -56,6 +73,33 @@ for file in TolanConfig.cmake TolanConfigVersion.cmake TolanTargets.cmake; do
 done
 [ -f "$libdir/pkgconfig/Tolan.pc" ] || fail "pkgconfig/Tolan.pc not installed"
 step "installed tree holds the headers, libTolan.so -> $soname -> $(basename "$real"), the CMake package and Tolan.pc"
+
+# ---- the dynamic symbol table ----
+# Built with hidden visibility, the library exports what its headers mark
+# TOLAN_EXPORT. Symbols in an Impl namespace are exported only on purpose:
+#  - out-of-line targets of public macros and templates, which the user's own
+#    code calls: processAssertFail (TOLAN_PROCESS_ASSERT), assertFailV
+#    (TOLAN_ASSERT), vfmtrace (TOLAN_TRACE), bookmarkAlreadyLinked (BookmarkList);
+#  - public classes that live in an Impl namespace: HashMix, and OwnedMutex,
+#    the base of Lock and RecursiveLock;
+#  - internals exported only for the in-tree tests and fuzzers, whose headers
+#    are not installed: the /proc parsers (Tolan/Impl/ProcParsers.h). The C
+#    timing wheel of Tolan/Impl/Timeouts.h is exported for them too (timeouts_*).
+symbols=$(nm -D --defined-only -C "$real" | cut -d' ' -f3-)
+allowed_impl='^(Tolan::Impl::(processAssertFail|assertFailV|bookmarkAlreadyLinked|parseProcStartTime|parseMapsLine|parseMaps)\(|Tolan::Fmt::Impl::vfmtrace\(|Tolan::Impl::HashMix<unsigned (int|long)>::|Tolan::Locking::Impl::OwnedMutex::)'
+unexpected=$(echo "$symbols" | sed -E 's/^(typeinfo name for |typeinfo for |vtable for |VTT for )//' |
+  grep -E '^Tolan::([A-Za-z_]+::)*Impl::' | grep -Ev "$allowed_impl" || true)
+[ -z "$unexpected" ] || fail "unexpected internal symbols exported: $unexpected"
+# A few of the public ones, and internals outside Impl namespaces that must stay hidden.
+for symbol in 'Tolan::Platform::getDebugHandler(' 'typeinfo for Tolan::AssertException' \
+  'vtable for Tolan::Platform::TimerControl' 'Tolan::FdToStream::FdToStream(int, bool)' \
+  'Tolan::TimerWheel::timerStart(' 'Tolan::leInit()' 'TOLAN_DEFAULT_HANDLE' 'timeouts_open'; do
+  echo "$symbols" | grep -qF "$symbol" || fail "public symbol '$symbol' is not exported"
+done
+for symbol in 'vtable for Tolan::Loco' 'Tolan::Impl::reopenTraceFile(' 'Tolan::Impl::writeTraceLine('; do
+  if echo "$symbols" | grep -qF "$symbol"; then fail "internal symbol '$symbol' is exported"; fi
+done
+step "dynamic symbol table: $(echo "$symbols" | grep -c '^Tolan::\|for Tolan::') Tolan symbols, Impl ones only as intended"
 
 # The consumer must load the installed library, not the one in the build tree.
 check_loads_installed() {
