@@ -16,7 +16,8 @@
 // level on handlers whose name begins with Tolan. At library load the rules
 // "Tolan*/01" and then TRACE are applied. setupTolanDebug() and
 // clearTolanDebug() add and remove levels while the process runs; a handler
-// constructed "pinned" is never changed by them.
+// constructed "pinned" is never changed by them. Where lines go and what
+// stands before each (TRACEFILE, TRACEFORMAT, DebugStream) is DebugOutput.h.
 //
 // Handlers and rules are process-wide, guarded by the global lock Loco;
 // obtaining a handler and changing rules are rare and may lock and allocate.

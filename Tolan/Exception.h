@@ -57,12 +57,12 @@ class TOLAN_EXPORT Exception : public std::exception {
 // Exception, adds no fields, takes its message in its constructor, returns
 // "Tolan::<Class>" from name(), and has a static throwException(msg) that
 // throws an instance.
-#define TOLAN_EXCEPTION_CLASS_(Class)                                                  \
-  class TOLAN_EXPORT Class : public Exception {                                        \
-   public:                                                                             \
-    explicit Class(const String& msg) noexcept : Exception(msg, true) {}               \
-    const char* name() const noexcept override { return "Tolan::" #Class; }            \
-    [[noreturn]] static void throwException(const String& msg);                       \
+#define TOLAN_EXCEPTION_CLASS_(Class)                                       \
+  class TOLAN_EXPORT Class : public Exception {                             \
+   public:                                                                  \
+    explicit Class(const String& msg) noexcept : Exception(msg, true) {}    \
+    const char* name() const noexcept override { return "Tolan::" #Class; } \
+    [[noreturn]] static void throwException(const String& msg);             \
   }
 
 // Allocation of memory or another resource failed.
