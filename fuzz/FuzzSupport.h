@@ -13,6 +13,7 @@
 
 #include "Tolan/Assert.h"
 #include "Tolan/Debug.h"
+#include "Tolan/Exception.h"
 
 namespace TolanFuzz {
 
