@@ -102,8 +102,8 @@ class TaskSchedulerHistory {
     checkEventType(type, false);
     record(when, type, name);
   }
-  // The forms the scheduler calls; each takes the name through
-  // historyNameOf(), which the task and scheduler units provide.
+  // Records a task event under the task's name, or a scheduler event under
+  // the scheduler's name (defined with the task and scheduler classes).
   void insert(const TaskTimePoint& when, TaskSchedulerEventType type, const _TaskBase* task);
   void insert(const TaskTimePoint& when, TaskSchedulerEventType type, const TaskScheduler* scheduler);
 
@@ -145,19 +145,5 @@ class TaskSchedulerHistory {
   Buffer events_;
   uint32_t lastTaskKey_ = 0;
 };
-
-// The name under which a task's / a scheduler's events are recorded; defined
-// by the task and scheduler units.
-const ConstStringRef& historyNameOf(const _TaskBase& task) noexcept;
-const ConstStringRef& historyNameOf(const TaskScheduler& scheduler) noexcept;
-
-inline void TaskSchedulerHistory::insert(const TaskTimePoint& when, TaskSchedulerEventType type,
-                                         const _TaskBase* task) {
-  insertTaskEvent(when, type, historyNameOf(*task));
-}
-inline void TaskSchedulerHistory::insert(const TaskTimePoint& when, TaskSchedulerEventType type,
-                                         const TaskScheduler* scheduler) {
-  insertSchedulerEvent(when, type, historyNameOf(*scheduler));
-}
 
 }  // namespace Tolan
