@@ -251,6 +251,96 @@ TEST_F(Scheduler, RunningTaskStaysAliveWhenItsOwnerLetsGo) {
   EXPECT_EQ(ran(), "self local");
 }
 
+TEST_F(Scheduler, ThroughputModeRunsSeveralTasksPerPassEachRecorded) {
+  std::vector<std::shared_ptr<Probe>> tasks;
+  for (const char* name : {"a", "b", "c", "d", "e"}) {
+    tasks.push_back(task(P::normal, name));
+    tasks.back()->scheduleTask();
+  }
+  root->tasksPerCallbackIs(3);
+  pass();
+  EXPECT_EQ(ran(), "a b c");
+  pass();  // two left: the batch stops early and the scheduler goes idle
+  EXPECT_EQ(ran(), "d e");
+  EXPECT_EQ(count(Type::schedulerIdle), 1u);
+  EXPECT_EQ(count(Type::runStart), 5u);
+  EXPECT_EQ(count(Type::runEnd), 5u);
+  EXPECT_ASSERTS(root->tasksPerCallbackIs(0), "at least 1");
+}
+
+TEST_F(Scheduler, CompletedTasksFoldIntoOneRecordPerStatisticsName) {
+  for (int i = 0; i < 2; ++i) {
+    auto t = task(P::low, "worker" + std::to_string(i));
+    t->taskStatsNameIs("workers");
+    t->scheduleTask();
+    drain();
+  }
+  task(P::low, "excluded")->includeInCompletedTaskIs(false);
+  auto idle = task(P::low, "idle");
+  auto busy = task(P::low, "busy");
+  busy->scheduleTask();
+  drain();
+
+  const TaskStat done = root->completedTaskStatForTest("workers");
+  EXPECT_EQ(done.taskName(), "workers");
+  EXPECT_EQ(done.taskCompletedCount(), 2u);
+  EXPECT_EQ(done.taskRunCount(), 2u);
+  EXPECT_EQ(root->completedTaskStatForTest("excluded").taskName(), "");
+  EXPECT_EQ(root->completedTasksPerPriority(P::low), 2u);
+  EXPECT_EQ(root->tasksPerPriority(P::low), 2u);
+  const TaskSchedulerPriorityStats low = root->queueStats().at(P::low);
+  EXPECT_EQ(low.idleTasks, 2u);
+  EXPECT_EQ(low.completedTasks, 2u);
+  EXPECT_EQ(low.totalRunCount, 3u);
+
+  std::vector<TaskStat> records;
+  EXPECT_EQ(root->getTaskStats(&records, false), 1u);
+  ASSERT_EQ(records.size(), 1u);
+  EXPECT_EQ(records[0].taskName(), "busy");
+  EXPECT_EQ(records[0].taskStatusString(), " l");
+  EXPECT_EQ(root->getTaskStats(&records, true), 0u);
+  EXPECT_EQ(records.size(), 3u);
+}
+
+// The reset task walks the registered tasks from a bookmark, yielding by
+// the root's test ratio (every second ask) so that it takes several runs.
+TEST_F(Scheduler, ResetAcrossSeveralRunsSurvivesTasksRemovedMidWalk) {
+  std::vector<std::shared_ptr<Probe>> tasks;
+  for (int i = 0; i < 6; ++i) {
+    tasks.push_back(task(P::normal, "t" + std::to_string(i)));
+    tasks.back()->scheduleTask();
+  }
+  drain();
+  tasks[5].reset();  // a completed record, cleared at the end of the walk
+  tasks[5] = task(P::normal, "t5");
+  tasks[5]->scheduleTask();
+  drain();
+  ASSERT_NE(root->maxSchedulerLatency(), ns(0));
+
+  root->taskTestYieldRatioIs(2);
+  root->resetStats();
+  EXPECT_TRUE(root->resetStatsInProgress());
+  pass();  // resets t0 t1 t2, then yields with its bookmark before t3
+  std::string runs;
+  for (auto& t : tasks) runs += std::to_string(t->taskRunCount());
+  EXPECT_EQ(runs, "000111");
+  tasks[3].reset();  // the task right after the bookmark
+  tasks[1].reset();  // one already reset
+  pass();  // t4, t5 and the reset task itself: the end
+  EXPECT_FALSE(root->resetStatsInProgress());
+  EXPECT_EQ(root->maxSchedulerLatency(), ns(0));
+  for (auto& t : tasks) {
+    if (t) {
+      EXPECT_EQ(t->taskRunCount(), 0u) << t->taskName();
+    }
+  }
+  EXPECT_EQ(root->completedTaskStatForTest("t5").taskName(), "");
+  EXPECT_EQ(root->completedTaskStatForTest("t3").taskName(), "");
+  EXPECT_EQ(root->completedTasksPerPriority(P::normal), 0u);
+  // Its own counters were reset by its last run, which then counted 3.
+  EXPECT_EQ(root->taskForTest("test;ResetStats")->taskWorkCountTotal(), 3u);
+}
+
 // A task destroyed inside its own execute: its memory is still ours here, so
 // the magic number is what finds it.
 void runTaskThatDestroysItself() {
