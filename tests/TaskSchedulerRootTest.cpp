@@ -4,6 +4,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <condition_variable>
+#include <functional>
+#include <mutex>
 #include <thread>
 
 #include "Tolan/Thread.h"
@@ -19,17 +22,67 @@ using ::testing::HasSubstr;
 const bool throwing = (throwOnAssertFailIs(true), true);
 
 // The assertion message `f` fails with on another thread, "" if it passes.
-template <typename F>
-std::string onOtherThread(F f) {
+// The other thread lives as long as the process: a thread that ends after
+// a library exception was made on it runs libunwind's per-thread cache
+// destructor, which crashes under ThreadSanitizer.
+std::string onOtherThread(std::function<void()> f) {
+  struct Worker {
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::function<void()> job;
+    bool done = false;
+  };
+  static Worker* const worker = [] {
+    auto* w = new Worker;  // never destroyed: its thread never ends
+    std::thread([w] {
+      for (;;) {
+        std::unique_lock<std::mutex> lock(w->mutex);
+        w->changed.wait(lock, [w] { return static_cast<bool>(w->job); });
+        auto job = std::move(w->job);
+        w->job = nullptr;
+        lock.unlock();
+        job();
+        lock.lock();
+        w->done = true;
+        w->changed.notify_all();
+      }
+    }).detach();
+    return w;
+  }();
   std::string message;
-  std::thread([&] {
+  std::unique_lock<std::mutex> lock(worker->mutex);
+  worker->done = false;
+  worker->job = [&] {
     try {
       f();
     } catch (const AssertException& e) {
       message = e.msg();
     }
-  }).join();
+  };
+  worker->changed.notify_all();
+  worker->changed.wait(lock, [] { return worker->done; });
   return message;
+}
+
+// First: ThreadSanitizer does not support threads started after a fork of a
+// process that has several, and onOtherThread's thread stays.
+TEST(TaskSchedulerThreads, ForkedChildIsExempt) {
+  auto root = TaskSchedulerRootIs("parent");
+  auto t = std::make_shared<Probe>(root, TaskPriority::normal, "t", nullptr);
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    // A thread of the child uses the parent's scheduler: the owner is not here.
+    bool passed = false;
+    std::thread([&] {
+      t->unscheduleTask();
+      passed = true;
+    }).join();
+    _exit(passed ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 }
 
 TEST(TaskSchedulerThreads, EachThreadHasItsOwnRootReleasedAtThreadExit) {
@@ -76,21 +129,6 @@ TEST(TaskSchedulerThreads, OtherThreadsFailTheCheckUnlessExempt) {
   EXPECT_EQ(onOtherThread(unschedule), "");
   auxiliaryThreadCountDec();
   EXPECT_NE(onOtherThread(unschedule), "");
-}
-
-TEST(TaskSchedulerThreads, ForkedChildIsExempt) {
-  auto root = TaskSchedulerRootIs("parent");
-  auto t = std::make_shared<Probe>(root, TaskPriority::normal, "t", nullptr);
-  const pid_t child = fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    // A thread of the child uses the parent's scheduler: the owner is not here.
-    const std::string message = onOtherThread([&] { t->unscheduleTask(); });
-    _exit(message.empty() ? 0 : 1);
-  }
-  int status = 0;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 }
 
 TEST(TaskSchedulerRoot, RandomPercentRunsFromZeroToAHundredInclusive) {
