@@ -9,9 +9,7 @@
 
 #include "support/SchedulerTesting.h"
 
-namespace {
-std::atomic<long> allocations{0};
-}  // namespace
+static std::atomic<long> allocations{0};
 
 void* operator new(std::size_t size) {
   allocations.fetch_add(1, std::memory_order_relaxed);
@@ -35,19 +33,17 @@ TEST_F(TaskAllocation, SteadyStateRunsAndSchedulingAllocateNothing) {
   });
   spinner->log = nullptr;
   auto other = task(TaskPriority::high, "other");
-  // Warm-up: names interned, history full, the loop's structures grown.
-  for (int i = 0; i < 3; ++i) {
-    spinner->scheduleTask();
-    drain();
-  }
+  auto spin = [&](int times) {
+    for (int i = 0; i < times; ++i) {
+      spinner->scheduleTask();
+      drain();
+    }
+  };
+  spin(3);  // warm-up: names interned, history full, the loop's structures grown
   const long before = allocations.load();
-  for (int i = 0; i < 10; ++i) {
-    spinner->scheduleTask();
-    drain();
-  }
+  spin(10);
   root->tasksPerCallbackIs(16);
-  spinner->scheduleTask();
-  drain();
+  spin(1);
   for (int i = 0; i < 1000; ++i) {
     other->scheduleTask();
     other->unscheduleTask();

@@ -4,9 +4,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <condition_variable>
 #include <functional>
-#include <mutex>
+#include <future>
 #include <thread>
 
 #include "Tolan/Thread.h"
@@ -22,50 +21,26 @@ using ::testing::HasSubstr;
 const bool throwing = (throwOnAssertFailIs(true), true);
 
 // The assertion message `f` fails with on another thread, "" if it passes.
-// The other thread lives as long as the process: a thread that ends after
-// a library exception was made on it runs libunwind's per-thread cache
-// destructor, which crashes under ThreadSanitizer.
-std::string onOtherThread(std::function<void()> f) {
-  struct Worker {
-    std::mutex mutex;
-    std::condition_variable changed;
-    std::function<void()> job;
-    bool done = false;
-  };
-  static Worker* const worker = [] {
-    auto* w = new Worker;  // never destroyed: its thread never ends
-    std::thread([w] {
-      for (;;) {
-        std::unique_lock<std::mutex> lock(w->mutex);
-        w->changed.wait(lock, [w] { return static_cast<bool>(w->job); });
-        auto job = std::move(w->job);
-        w->job = nullptr;
-        lock.unlock();
-        job();
-        lock.lock();
-        w->done = true;
-        w->changed.notify_all();
-      }
-    }).detach();
-    return w;
-  }();
-  std::string message;
-  std::unique_lock<std::mutex> lock(worker->mutex);
-  worker->done = false;
-  worker->job = [&] {
+// That thread never ends: one that ends after a library exception was made
+// on it runs libunwind's per-thread cache destructor, which crashes under
+// ThreadSanitizer.
+std::string onOtherThread(const std::function<void()>& f) {
+  auto result = std::make_shared<std::promise<std::string>>();
+  std::thread([f, result] {
+    std::string message;
     try {
       f();
     } catch (const AssertException& e) {
       message = e.msg();
     }
-  };
-  worker->changed.notify_all();
-  worker->changed.wait(lock, [] { return worker->done; });
-  return message;
+    result->set_value(message);
+    for (;;) pause();
+  }).detach();
+  return result->get_future().get();
 }
 
 // First: ThreadSanitizer does not support threads started after a fork of a
-// process that has several, and onOtherThread's thread stays.
+// process that has several, and onOtherThread's threads stay.
 TEST(TaskSchedulerThreads, ForkedChildIsExempt) {
   auto root = TaskSchedulerRootIs("parent");
   auto t = std::make_shared<Probe>(root, TaskPriority::normal, "t", nullptr);
@@ -73,12 +48,7 @@ TEST(TaskSchedulerThreads, ForkedChildIsExempt) {
   ASSERT_GE(child, 0);
   if (child == 0) {
     // A thread of the child uses the parent's scheduler: the owner is not here.
-    bool passed = false;
-    std::thread([&] {
-      t->unscheduleTask();
-      passed = true;
-    }).join();
-    _exit(passed ? 0 : 1);
+    _exit(onOtherThread([&] { t->unscheduleTask(); }).empty() ? 0 : 1);
   }
   int status = 0;
   ASSERT_EQ(waitpid(child, &status, 0), child);
@@ -131,18 +101,10 @@ TEST(TaskSchedulerThreads, OtherThreadsFailTheCheckUnlessExempt) {
   EXPECT_NE(onOtherThread(unschedule), "");
 }
 
-TEST(TaskSchedulerRoot, RandomPercentRunsFromZeroToAHundredInclusive) {
+TEST(TaskSchedulerRoot, RandomPercentCanBeAHundred) {
   auto root = TaskSchedulerRootIs("random");
   root->randomSeedIs(57966750);  // rand_r's first draw from it is RAND_MAX - 2
   EXPECT_EQ(root->randomPercent(), 100u);
-  unsigned low = 100, high = 0;
-  for (int i = 0; i < 10000; ++i) {
-    const unsigned r = root->randomPercent();
-    low = std::min(low, r);
-    high = std::max(high, r);
-  }
-  EXPECT_EQ(low, 0u);
-  EXPECT_EQ(high, 99u);  // 100 needs one of the 47 largest draws
 }
 
 }  // namespace

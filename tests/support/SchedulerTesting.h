@@ -7,6 +7,7 @@
 
 #include <functional>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -34,6 +35,18 @@ class SchedulerFixture : public ::testing::Test {
   std::shared_ptr<Probe> task(Tolan::TaskPriority priority, std::string name,
                               std::function<void(Probe&)> body = {}) {
     return std::make_shared<Probe>(root, priority, std::move(name), &log, std::move(body));
+  }
+  // One task per blank-separated name, scheduled in order; the first letter
+  // of a name gives its priority (a, h, n, l, s).
+  std::vector<std::shared_ptr<Probe>> scheduled(const std::string& names) {
+    std::vector<std::shared_ptr<Probe>> tasks;
+    std::istringstream in(names);
+    for (std::string name; in >> name;) {
+      const auto p = Tolan::TaskPriority::fromNumber(static_cast<unsigned>(std::string("ahnls").find(name[0])));
+      tasks.push_back(task(p, name));
+      tasks.back()->scheduleTask();
+    }
+    return tasks;
   }
   // One pass of the thread's event loop: at most one scheduler callback.
   static void pass() { Tolan::Impl::dispatch(Tolan::leInit(), EVLOOP_ONCE | EVLOOP_NONBLOCK); }
