@@ -246,36 +246,37 @@ void TaskImpl::taskDoRun(TaskTimePoint now, TaskTimePoint& end) {
   if (yieldMode_ == TaskShouldYieldMode::yieldByVirtualTime) scheduler_->virtualRunStart_ = Tolan::time();
   ++runCount_;
   currentlyRunning_ = true;
+  // What the magic check needs, taken before the run: after a task that
+  // destroyed itself, not even a member access is allowed.
+  const uint32_t* const magic = &magic_;
+  const ConstStringRef::Elem* const name = taskName_.elem();
   try {
     taskExecute();
   } catch (...) {
     // The run still counts; the exception goes on to the scheduler.
+    checkMagic(*magic, history, name, this);
     currentlyRunning_ = false;
-    checkMagic();
     finishRun(end);
     throw;
   }
+  checkMagic(*magic, history, name, this);
   currentlyRunning_ = false;
-  checkMagic();
   finishRun(end);
 }
 
-void TaskImpl::checkMagic() const noexcept {
-  // A task that destroyed itself inside its execute is found here; its
-  // storage is still its owner's, or this read is already a use after free.
-  const uint32_t magic = magic_;
-  if (TOLAN_UNLIKELY(magic != kMagicConstructed)) magicFail(magic);
+void TaskImpl::checkMagic(uint32_t magic, const TaskSchedulerHistory& history, const ConstStringRef::Elem* name,
+                          const void* task) noexcept {
+  if (TOLAN_UNLIKELY(magic != kMagicConstructed)) magicFail(magic, history, name, task);
 }
 
-void TaskImpl::magicFail(uint32_t magic) const noexcept {
+void TaskImpl::magicFail(uint32_t magic, const TaskSchedulerHistory& history, const ConstStringRef::Elem* name,
+                         const void* task) noexcept {
   // The destroyed task released its name; the "run start" event recorded
   // just before the run still holds it, unless the history keeps nothing.
-  const std::string name = scheduler_->history_->historyEntryCount() != 0
-                               ? taskName_.str()
-                               : fmt::format("{}", static_cast<const void*>(this));
+  const std::string text = history.historyEntryCount() != 0 && name ? name->str() : fmt::format("{}", task);
   Impl::taskSchedulerAssertFail(
       "taskDoRun", __LINE__,
-      fmt::format("Task: {} taskMagicNumber: {} taskMagicNumberConstructed: {}", name, magic, kMagicConstructed));
+      fmt::format("Task: {} taskMagicNumber: {} taskMagicNumberConstructed: {}", text, magic, kMagicConstructed));
 }
 
 void TaskImpl::finishRun(TaskTimePoint& end) {
