@@ -10,7 +10,7 @@
 // invariant that no caller can recover from: the process aborts.
 #include "Tolan/Task.h"
 
-#include <limits>
+#include <algorithm>
 
 #include "Tolan/Assert.h"
 #include "Tolan/Debug.h"

@@ -69,9 +69,6 @@ class TaskScheduler::ResetStatsTask final : public TaskImpl {
   bool walking() const noexcept { return bookmark.isLinked() || taskRunQueueLink_.isLinked(); }
 
   RegisteredTaskList::Bookmark bookmark;
-
- private:
-  friend class TaskScheduler;
 };
 
 // ---- life ----

@@ -49,7 +49,6 @@
 #include <pthread.h>
 #include <sys/types.h>
 
-#include <atomic>
 #include <cstdint>
 #include <iosfwd>
 #include <memory>
