@@ -17,6 +17,11 @@
 // that the thread checks compare with, suspension, virtual time, the test
 // yield ratio, and the timer wheel of the thread's timer tasks.
 //
+// Costs: each task run costs one loop pass (a zero-delay timer, no system call
+// of its own) and three steady-clock reads, about 140 ns beside libevent's
+// pass on a default base (see the README's figures). A root holds a history of
+// 100 events, its callback control and a timer wheel.
+//
 // Throughput mode (off by default). One loop pass per task caps a thread well
 // below a million task runs per second, and under load every pass also
 // re-reports each readable descriptor whose task has not run yet.
