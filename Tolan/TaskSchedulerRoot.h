@@ -18,7 +18,7 @@
 // yield ratio, and the timer wheel of the thread's timer tasks.
 //
 // Costs: each task run costs one loop pass (a zero-delay timer, no system call
-// of its own) and three steady-clock reads, about 140 ns beside libevent's
+// of its own) and three steady-clock reads, 100 to 160 ns beside libevent's
 // pass on a default base (see the README's figures). A root holds a history of
 // 100 events, its callback control and a timer wheel.
 //
