@@ -26,6 +26,9 @@
 
 namespace Tolan {
 
+class _TaskBase;
+class TaskScheduler;
+
 enum class TaskSchedulerEventType : uint8_t {
   // Task events, recorded under a task's name.
   schedule = 0,
@@ -100,6 +103,11 @@ class TOLAN_EXPORT TaskSchedulerHistory {
     checkEventType(type, false);
     record(when, type, name);
   }
+  // Records a task event under the task's name, or a scheduler event under
+  // the scheduler's name (defined with the task and scheduler classes).
+  void insert(const TaskTimePoint& when, TaskSchedulerEventType type, const _TaskBase* task);
+  void insert(const TaskTimePoint& when, TaskSchedulerEventType type, const TaskScheduler* scheduler);
+
   // A new key for a task registering with this history: 1, 2, 3, ...
   TaskKey taskKeyNew() noexcept { return TaskKey(++lastTaskKey_); }
 

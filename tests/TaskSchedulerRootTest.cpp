@@ -1,0 +1,113 @@
+// The per-thread root: one per thread, thread checks and their exemptions.
+// The TaskSchedulerThreads tests are the ones to run under ThreadSanitizer.
+#include <gmock/gmock.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <functional>
+#include <future>
+#include <thread>
+
+#include "Tolan/Thread.h"
+#include "support/EventTesting.h"
+#include "support/SchedulerTesting.h"
+
+namespace {
+
+using namespace Tolan;
+using TolanTest::Probe;
+using ::testing::HasSubstr;
+
+const bool throwing = (throwOnAssertFailIs(true), true);
+
+// The assertion message `f` fails with on another thread, "" if it passes.
+// That thread never ends: one that ends after a library exception was made
+// on it runs libunwind's per-thread cache destructor, which crashes under
+// ThreadSanitizer.
+std::string onOtherThread(const std::function<void()>& f) {
+  auto result = std::make_shared<std::promise<std::string>>();
+  std::thread([f, result] {
+    try {
+      f();
+      result->set_value("");
+    } catch (const AssertException& e) {
+      result->set_value(e.msg());
+    }
+    for (;;) pause();
+  }).detach();
+  return result->get_future().get();
+}
+
+// First: ThreadSanitizer does not support threads started after a fork of a
+// process that has several, and onOtherThread's threads stay.
+TEST(TaskSchedulerThreads, ForkedChildIsExempt) {
+  auto root = TaskSchedulerRootIs("parent");
+  auto t = std::make_shared<Probe>(root, TaskPriority::normal, "t", nullptr);
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    // A thread of the child uses the parent's scheduler: the owner is not here.
+    _exit(onOtherThread([&] { t->unscheduleTask(); }).empty() ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+}
+
+TEST(TaskSchedulerThreads, EachThreadHasItsOwnRootReleasedAtThreadExit) {
+  EXPECT_EQ(schedulerRootTolan(), schedulerRootTolan());
+  EXPECT_EQ(schedulerRootTolan()->schedulerName(), "main");
+  struct Seen { std::weak_ptr<TaskSchedulerRoot> root; std::string name, expected; int runs = 0; } seen[2];
+  std::vector<std::thread> threads;
+  for (Seen& s : seen) {
+    threads.emplace_back([&s] {
+      // Destroyed after the root (made later): the base outlives it.
+      thread_local struct FreeBase {
+        ~FreeBase() { leFree(); }
+      } freeBase;
+      (void)freeBase;
+      auto root = schedulerRootTolan();
+      s.root = root;
+      s.name = root->schedulerName();
+      s.expected = "thread:" + std::to_string(Tolan::gettid());
+      auto t = std::make_shared<Probe>(root, TaskPriority::normal, "there", nullptr, [&s](Probe& self) {
+        if (++s.runs < 1000) self.scheduleTask();
+      });
+      t->scheduleTask();
+      Platform::doEventLoop();
+    });
+  }
+  for (auto& t : threads) t.join();
+  for (const Seen& s : seen) {
+    EXPECT_EQ(s.name, s.expected);
+    EXPECT_TRUE(s.root.expired());
+    EXPECT_EQ(s.runs, 1000);
+  }
+}
+
+TEST(TaskSchedulerThreads, OtherThreadsFailTheCheckUnlessExempt) {
+  auto root = TaskSchedulerRootIs("owner");
+  auto t = std::make_shared<Probe>(root, TaskPriority::normal, "t", nullptr);
+  auto unschedule = [&] { t->unscheduleTask(); };
+  const std::string message = onOtherThread(unschedule);
+  EXPECT_THAT(message, HasSubstr("Executing in wrong thread "));
+  EXPECT_THAT(message, HasSubstr(" pid " + std::to_string(getpid()) + " scheduler belongs to thread " +
+                                 std::to_string(Tolan::gettid()) + "("));
+  EXPECT_THAT(onOtherThread([&] { root->suspendedIs(true); }), HasSubstr("Executing in wrong thread "));
+
+  root->threadSanityDisabledIs(true);
+  EXPECT_EQ(onOtherThread(unschedule), "");
+  root->threadSanityDisabledIs(false);
+  auxiliaryThreadCountInc();
+  EXPECT_EQ(onOtherThread(unschedule), "");
+  auxiliaryThreadCountDec();
+  EXPECT_NE(onOtherThread(unschedule), "");
+}
+
+TEST(TaskSchedulerRoot, RandomPercentCanBeAHundred) {
+  auto root = TaskSchedulerRootIs("random");
+  root->randomSeedIs(57966750);  // rand_r's first draw from it is RAND_MAX - 2
+  EXPECT_EQ(root->randomPercent(), 100u);
+}
+
+}  // namespace
