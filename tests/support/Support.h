@@ -60,12 +60,15 @@ std::string traceOf(const std::function<void()>& body);
 std::string traceOf(Tolan::Platform::DebugHandler& handler, const std::string& levels,
                     const std::function<void()>& body);
 
-// Real seconds that `f()` took.
+// The steady clock in seconds, and the real seconds that `f()` took.
+inline double realNow() {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
 template <typename F>
 double realSeconds(F&& f) {
-  const auto start = std::chrono::steady_clock::now();
+  const double start = realNow();
   f();
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  return realNow() - start;
 }
 
 // A handler of every kind of event that counts its notifications and stamps
