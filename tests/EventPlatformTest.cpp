@@ -57,23 +57,6 @@ TEST(FdControl, ReadInterestPersistsWriteInterestIsOneShotClearKeepsTheDescripto
   EXPECT_EQ(h.reads, 2);
 }
 
-TEST(FdControl, ADescriptorClosedWhileWatchedCanBeReleasedAndItsNumberReused) {
-  Counting h, h2;
-  auto c = getFdControl(&h), c2 = getFdControl(&h2);
-  {
-    Pipe gone;
-    c->setFd(gone.fds[0]);
-  }
-  doEventLoop(0.02);
-  c->delFd();
-  Pipe p;  // typically reuses the numbers just closed
-  c2->setFd(p.fds[0]);
-  p.put();
-  doEventLoop(0.02);
-  EXPECT_EQ(h.reads, 0);
-  EXPECT_EQ(h2.reads, 1);
-}
-
 TEST(FdControl, HandlerExceptionsLeaveTheLoopUnlessSwallowed) {
   for (bool swallow : {false, true}) {
     Pipe p;
