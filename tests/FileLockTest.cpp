@@ -1,41 +1,26 @@
+// Locks on open file descriptions, between objects and between processes.
 #include <fcntl.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include "Tolan/Assert.h"
-#include "Tolan/Exception.h"
 #include "Tolan/FileLock.h"
 #include "Tolan/Util.h"
-#include "support/SysFixtures.h"
+#include "support/Support.h"
 
-using ::testing::HasSubstr;
+using namespace TolanTest;
 using Tolan::FileLock;
-using Tolan::Test::thrownMessage;
 
-namespace {
-
-class FileLockTest : public ::testing::Test {
+class FileLockTest : public Test {
  protected:
-  void SetUp() override {
-    Tolan::throwOnAssertFailIs(true);
-    h_.enabledIs(1, true);
-    h_.enabledIs(5, true);
-  }
-  std::string assertion(const std::function<void()>& f) { return thrownMessage<Tolan::AssertException>(f); }
-
-  Tolan::Test::TempDir tmp_;
+  ScratchDir tmp_;
   const std::string& root_ = tmp_.path;
   std::shared_ptr<Tolan::Platform::DebugHandler> handler_ = Tolan::Platform::getDebugHandler("FileLockTest");
   Tolan::Platform::DebugHandler& h_ = *handler_;
 };
 
-}  // namespace
-
 TEST_F(FileLockTest, MakesItsFileAndDirectoriesOrSaysWhyNot) {
   EXPECT_EQ(Tolan::cmd_F_OFD_SETLK(), F_OFD_SETLK);
   EXPECT_EQ(Tolan::cmd_F_OFD_GETLK(), F_OFD_GETLK);
-  EXPECT_THAT(assertion([&] { FileLock(h_, root_, "a/b"); }), HasSubstr("unexpected '/' in filename: a/b"));
+  EXPECT_ASSERTS(FileLock(h_, root_, "a/b"), "unexpected '/' in filename: a/b");
   const mode_t old = umask(077);
   FileLock lock(h_, root_ + "/x/y/z", "lockfile");
   const bool locked = lock.lock(false);
@@ -47,55 +32,48 @@ TEST_F(FileLockTest, MakesItsFileAndDirectoriesOrSaysWhyNot) {
   EXPECT_EQ(st.st_mode & 0777, 0666u);
   lock.release();
   EXPECT_TRUE(Tolan::Util::fileSize(lock.file())) << "the file stays for the next user";
-
   // A directory where the lock file should be; a regular file where a directory should be.
   ASSERT_EQ(mkdir((root_ + "/taken").c_str(), 0755), 0);
-  FileLock a(h_, root_, "taken");
-  testing::internal::CaptureStderr();
-  EXPECT_FALSE(a.lock(false));
-  EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr("error: could not open lock file:" + a.file()));
-
+  FileLock taken(h_, root_, "taken");
+  EXPECT_THAT(traceOf(h_, "1", [&] { EXPECT_FALSE(taken.lock(false)); }),
+              HasSubstr("error: could not open lock file:" + taken.file()));
   ASSERT_TRUE(Tolan::Util::touch(root_ + "/plain"));
-  EXPECT_THAT(assertion([&] { FileLock(h_, root_ + "/plain/sub", "l").lock(false); }),
-              HasSubstr("unexpected mkpath() error " + root_ + "/plain/sub: Not a directory"));
+  EXPECT_ASSERTS(FileLock(h_, root_ + "/plain/sub", "l").lock(false),
+                 "unexpected mkpath() error " + root_ + "/plain/sub: Not a directory");
 }
 
 TEST_F(FileLockTest, ConflictsInsideOneProcessReentryAndRelease) {
   FileLock a(h_, root_, "l"), b(h_, root_, "l");
-  testing::internal::CaptureStderr();
-  ASSERT_TRUE(a.lock(false));
-  EXPECT_FALSE(b.lock(false));
-  EXPECT_TRUE(a.lock(true));
-  // Without re-entry the holder opens a second description and loses to itself.
-  EXPECT_FALSE(a.lock(false));
-  EXPECT_TRUE(a.held());
-  EXPECT_FALSE(b.lock(true));
-  a.release();
-  const std::string err = testing::internal::GetCapturedStderr();
-  for (const std::string& trace : std::vector<std::string>{"acquired lock on file:", "error: conflicting lock held on file:",
+  const std::string trace = traceOf(h_, "15", [&] {
+    ASSERT_TRUE(a.lock(false));
+    EXPECT_FALSE(b.lock(false));
+    EXPECT_TRUE(a.lock(true));
+    // Without re-entry the holder opens a second description and loses to itself.
+    EXPECT_FALSE(a.lock(false));
+    EXPECT_TRUE(a.held());
+    EXPECT_FALSE(b.lock(true));
+    a.release();
+  });
+  for (const std::string& line : std::vector<std::string>{"acquired lock on file:", "error: conflicting lock held on file:",
                                   "re-entry held by pid:" + std::to_string(getpid()) + " on file:",
-                                  "released lock on file:", "closed fd for file:"}) {
-    EXPECT_THAT(err, HasSubstr(trace + a.file()));
-  }
+                                  "released lock on file:", "closed fd for file:"})
+    EXPECT_THAT(trace, HasSubstr(line + a.file()));
   EXPECT_FALSE(a.held());
-  EXPECT_THAT(assertion([&] { a.release(); }),
-              HasSubstr("attempting to release a lock that is not currently held. File:" + a.file()));
-  // A released object does not re-enter: it must take the lock again.
+  EXPECT_ASSERTS(a.release(), "attempting to release a lock that is not currently held. File:" + a.file());
   EXPECT_TRUE(b.lock(false));
-  EXPECT_FALSE(a.lock(true));
+  EXPECT_FALSE(a.lock(true)) << "a released object does not re-enter";
   b.closeFd();
   b.closeFd();  // nothing left to close
   {
     FileLock c(h_, root_, "l");
     EXPECT_TRUE(c.lock(false));
-    EXPECT_FALSE(a.lock(false));
   }
   EXPECT_TRUE(a.lock(false)) << "destruction dropped the lock";
 }
 
 TEST_F(FileLockTest, ExcludesOtherProcessesUntilTheyLetGo) {
   // The child's lock lives until the child exits.
-  Tolan::Test::ForkedChild holder([&] { return (new FileLock(h_, root_, "shared"))->lock(false) ? 'y' : 'n'; });
+  ForkedChild holder([&] { return (new FileLock(h_, root_, "shared"))->lock(false) ? 'y' : 'n'; });
   ASSERT_EQ(holder.report(), 'y');
   FileLock mine(h_, root_, "shared");
   EXPECT_FALSE(mine.lock(false));
@@ -106,18 +84,22 @@ TEST_F(FileLockTest, ExcludesOtherProcessesUntilTheyLetGo) {
   EXPECT_EQ(Tolan::Util::readLockPid(h_, mine.file()), getpid());
 }
 
-TEST_F(FileLockTest, ForkedChildCannotReleaseTheParentsLock) {
+TEST_F(FileLockTest, AForkedChildCannotReleaseTheParentsLock) {
   FileLock lock(h_, root_, "l");
   ASSERT_TRUE(lock.lock(false));
-  const std::string expected = " of owner pid:" + std::to_string(getpid());
-  EXPECT_EQ(Tolan::Test::exitStatusInChild([&] {
-              const std::string child = "called from child process:" + std::to_string(getpid());
-              if (assertion([&] { lock.release(); }).find(child + expected) == std::string::npos) return 1;
-              lock.closeFd();  // the child may drop its copy of the descriptor
-              return 0;
+  const std::string owner = " of owner pid:" + std::to_string(getpid());
+  EXPECT_EQ(exitStatusInChild([&] {
+              try {
+                lock.release();
+              } catch (const Tolan::AssertException& e) {
+                if (e.message().find("called from child process:" + std::to_string(getpid()) + owner) == std::string::npos)
+                  return 1;
+                lock.closeFd();  // the child may drop its copy of the descriptor
+                return 0;
+              }
+              return 2;
             }),
             0);
-  EXPECT_TRUE(lock.held());
   FileLock other(h_, root_, "l");
   EXPECT_FALSE(other.lock(false)) << "the child's release or close dropped the parent's lock";
   lock.release();

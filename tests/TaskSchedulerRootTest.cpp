@@ -9,7 +9,7 @@
 #include <thread>
 
 #include "Tolan/Thread.h"
-#include "support/EventTesting.h"
+#include "support/Support.h"
 #include "support/SchedulerTesting.h"
 
 namespace {
@@ -18,7 +18,6 @@ using namespace Tolan;
 using TolanTest::Probe;
 using ::testing::HasSubstr;
 
-const bool throwing = (throwOnAssertFailIs(true), true);
 
 // The assertion message `f` fails with on another thread, "" if it passes.
 // That thread never ends: one that ends after a library exception was made

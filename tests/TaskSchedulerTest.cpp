@@ -3,7 +3,7 @@
 #include <new>
 #include <stdexcept>
 
-#include "support/EventTesting.h"
+#include "support/Support.h"
 #include "support/SchedulerTesting.h"
 
 namespace {
@@ -14,7 +14,6 @@ using Type = TaskSchedulerEventType;
 using P = TaskPriority;
 using ns = std::chrono::nanoseconds;
 
-const bool throwing = (throwOnAssertFailIs(true), true);
 
 class Scheduler : public TolanTest::SchedulerFixture {};
 

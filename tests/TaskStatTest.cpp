@@ -1,69 +1,55 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <chrono>
-#include <memory>
-
-#include "Tolan/Exception.h"
+// Statistics records: the status string and the merge rules.
 #include "Tolan/TaskStat.h"
+#include "support/Support.h"
 
-namespace {
-
+using namespace TolanTest;
 using namespace Tolan;
-using ::testing::HasSubstr;
-using ::testing::ThrowsMessage;
 using std::chrono::milliseconds;
 using Status = TaskStat::TaskStatus;
+using Maybe = TaskMaybeU32;
 
-class TaskStatTest : public ::testing::Test {
+class TaskStatTest : public Test {
  protected:
-  void SetUp() override { throwOnAssertFailIs(true); }
-
-  // A record whose every field differs from the others', so a field mixed
-  // up with another shows.
-  TaskStat record(const char* name, uint32_t runs, TaskMaybeU32 workHigh, TaskMaybeU32 pendingHigh,
-                  milliseconds runHigh, milliseconds latency, milliseconds latencyHigh, Status status = Status()) {
-    return TaskStat(cache_->intern(name), TaskKey(7), TaskPriority::low, runs, milliseconds(10 * runs),
-                    100ull * runs, 1.5f * runs, workHigh, 3 * runs, pendingHigh, runs + 1, runs + 2, runHigh,
-                    latency, latencyHigh, status);
+  // A record whose every field differs from the others', so that a field
+  // mixed up with another shows.
+  TaskStat record(const char* name, uint32_t runs, Maybe workHigh = {}, Maybe pendingHigh = {},
+                  milliseconds runHigh = {}, milliseconds latency = {}, milliseconds latencyHigh = {},
+                  Status status = Status()) {
+    return TaskStat(cache_->intern(name), TaskKey(7), TaskPriority::low, runs, milliseconds(10 * runs), 100ull * runs,
+                    1.5f * runs, workHigh, 3 * runs, pendingHigh, runs + 1, runs + 2, runHigh, latency, latencyHigh,
+                    status);
   }
-
   // Behind a pointer: the cache's destructor may throw, the fixture's may not.
   std::unique_ptr<ConstStringCache> cache_ = std::make_unique<ConstStringCache>();
 };
 
-TEST_F(TaskStatTest, StatusStringRanksRunningOverSuspendedOverTimer) {
+TEST(TaskStatStatus, RunningOverSuspendedOverTimerAndUpperCaseWhenRunnable) {
   const struct {
     uint8_t bits;
     TaskPriority priority;
     const char* expected;
-  } cases[] = {
+  } rows[] = {
       {Status::kTimer | Status::kTimerRunning | Status::kOnRunQueue, TaskPriority::normal, "TN"},
       {Status::kTimer | Status::kTimerRunning, TaskPriority::normal, "Tn"},
       {Status::kTimer, TaskPriority::high, "th"},
       {Status::kCurrentlyRunning | Status::kSuspended | Status::kTimer, TaskPriority::low, "*l"},
       {Status::kSuspended | Status::kTimer | Status::kTimerRunning, TaskPriority::scavenge, "Ss"},
       {Status::kOnRunQueue, TaskPriority::absolute, " A"},
-      {Status::kIsTaskGroup, TaskPriority::high, " h"},
-  };
-  for (const auto& c : cases) {
-    TaskStat stat(ConstStringRef(), TaskKey(1), c.priority, 0, {}, 0, 0, {}, 0, {}, 0, 0, {}, {}, {},
-                  Status(c.bits));
-    EXPECT_EQ(stat.taskStatusString(), c.expected) << unsigned(c.bits);
+      {Status::kIsTaskGroup, TaskPriority::high, " h"}};
+  for (const auto& r : rows) {
+    TaskStat stat(ConstStringRef(), TaskKey(1), r.priority, 0, {}, 0, 0, {}, 0, {}, 0, 0, {}, {}, {}, Status(r.bits));
+    EXPECT_EQ(stat.taskStatusString(), r.expected) << unsigned(r.bits);
   }
-  // Out-of-range priorities.
   EXPECT_EQ(TaskPriority(TaskPriority::oneBeyondLast).oneChar(), '-');
-  EXPECT_THAT([] { TaskPriority::fromNumber(6).toStrep(); },
-              ThrowsMessage<AssertException>(HasSubstr("unexpected priority value 6")));
-  EXPECT_THAT([] { TaskPriority::fromNumber(200).oneChar(); },
-              ThrowsMessage<AssertException>(HasSubstr("unexpected priority 200")));
+  EXPECT_ASSERTS(TaskPriority::fromNumber(6).toStrep(), "unexpected priority value 6");
+  EXPECT_ASSERTS(TaskPriority::fromNumber(200).oneChar(), "unexpected priority 200");
 }
 
 TEST_F(TaskStatTest, MergeAddsCountsOverwritesGaugesAndKeepsMaxima) {
-  TaskStat a = record("w", 2, TaskMaybeU32(7), TaskMaybeU32::none(), milliseconds(30), milliseconds(4),
-                      milliseconds(9), Status(Status::kOnRunQueue));
-  TaskStat b = record("w", 5, TaskMaybeU32::none(), TaskMaybeU32(9), milliseconds(20), milliseconds(1),
-                      milliseconds(12), Status(Status::kSuspended));
+  TaskStat a = record("w", 2, Maybe(7), Maybe::none(), milliseconds(30), milliseconds(4), milliseconds(9),
+                      Status(Status::kOnRunQueue));
+  TaskStat b = record("w", 5, Maybe::none(), Maybe(9), milliseconds(20), milliseconds(1), milliseconds(12),
+                      Status(Status::kSuspended));
   a.taskCompletedCountIs(1);
   b.taskCompletedCountIs(40);
   EXPECT_EQ(&(a += b), &a);
@@ -79,8 +65,8 @@ TEST_F(TaskStatTest, MergeAddsCountsOverwritesGaugesAndKeepsMaxima) {
   EXPECT_EQ(a.taskLastSchedulingLatency(), milliseconds(1));
   EXPECT_EQ(a.taskStatus(), Status(Status::kSuspended));
   // Maxima; a no-value never wins and never loses to nothing.
-  EXPECT_EQ(a.taskWorkCountHighWater(), TaskMaybeU32(7));
-  EXPECT_EQ(a.taskWorkPendingHighWater(), TaskMaybeU32(9));
+  EXPECT_EQ(a.taskWorkCountHighWater(), Maybe(7));
+  EXPECT_EQ(a.taskWorkPendingHighWater(), Maybe(9));
   EXPECT_EQ(a.taskRunTimeHighWaterMark(), milliseconds(30));
   EXPECT_EQ(a.taskSchedulingLatencyHighWaterMark(), milliseconds(12));
   // One more completion, whatever b counted; identity untouched.
@@ -88,13 +74,12 @@ TEST_F(TaskStatTest, MergeAddsCountsOverwritesGaugesAndKeepsMaxima) {
   EXPECT_EQ(a.taskKey(), TaskKey(7));
   EXPECT_EQ(a.taskPriority(), TaskPriority::low);
   EXPECT_EQ(a.taskName(), "w");
-
   // No-value merged with no-value stays no-value; 0 is a value and beats none.
-  TaskStat none1 = record("n", 1, TaskMaybeU32::none(), TaskMaybeU32(0), milliseconds(-5), {}, {});
-  none1 += record("n", 1, TaskMaybeU32::none(), TaskMaybeU32::none(), milliseconds(-2), {}, {});
-  EXPECT_FALSE(none1.taskWorkCountHighWater().hasValue());
-  EXPECT_EQ(none1.taskWorkPendingHighWater(), TaskMaybeU32(0));
-  EXPECT_EQ(none1.taskRunTimeHighWaterMark(), milliseconds(-2));  // signed comparison
+  TaskStat none = record("n", 1, Maybe::none(), Maybe(0), milliseconds(-5));
+  none += record("n", 1, Maybe::none(), Maybe::none(), milliseconds(-2));
+  EXPECT_FALSE(none.taskWorkCountHighWater().hasValue());
+  EXPECT_EQ(none.taskWorkPendingHighWater(), Maybe(0));
+  EXPECT_EQ(none.taskRunTimeHighWaterMark(), milliseconds(-2));  // signed comparison
 }
 
 TEST_F(TaskStatTest, QueueStatsMergePerPriority) {
@@ -115,15 +100,13 @@ TEST_F(TaskStatTest, QueueStatsMergePerPriority) {
 using TaskStatDeathTest = TaskStatTest;
 
 TEST_F(TaskStatDeathTest, MergingDifferentNamesOrPrioritiesAborts) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  TaskStat a = record("alpha", 1, {}, {}, {}, {}, {});
-  EXPECT_DEATH(a += record("beta", 1, {}, {}, {}, {}, {}), "TaskSchedulerCpp.*operator\\+=.*alpha != beta");
+  TaskStat a = record("alpha", 1);
+  EXPECT_ABORTS(a += record("beta", 1), "TaskSchedulerCpp.*operator\\+=.*alpha != beta");
   TaskSchedulerPriorityStats high(TaskPriority::high), low(TaskPriority::low);
-  EXPECT_DEATH(high += low, "TaskSchedulerCpp.*operator\\+=.*high != low");
+  EXPECT_ABORTS(high += low, "TaskSchedulerCpp.*operator\\+=.*high != low");
   TaskSchedulerQueueStats qa, qb;
   qa.emplace(TaskPriority::high, high);
   qb.emplace(TaskPriority::high, low);  // a record filed under the wrong priority
-  EXPECT_DEATH(qa += qb, "high != low");
+  EXPECT_ABORTS(qa += qb, "high != low");
 }
 
-}  // namespace

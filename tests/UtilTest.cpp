@@ -1,52 +1,32 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+// File functions, readers of /proc, and the memory mappings of a process.
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
-#include <cmath>
-#include <fstream>
+#include <filesystem>
 
-#include "Tolan/Assert.h"
-#include "Tolan/Debug.h"
-#include "Tolan/Exception.h"
 #include "Tolan/Impl/ProcParsers.h"
 #include "Tolan/Mappings.h"
 #include "Tolan/Util.h"
-#include "support/SysFixtures.h"
+#include "support/Support.h"
 
-using ::testing::HasSubstr;
-using namespace Tolan::Test;
+using namespace TolanTest;
 namespace Util = Tolan::Util;
-
-namespace {
 
 Tolan::Platform::DebugHandler& handler() {
   static auto h = Tolan::Platform::getDebugHandler("UtilTest");
   return *h;
 }
 
-// Standard error while tracing `levels` on the test handler.
-std::string traced(const std::string& levels, const std::function<void()>& body) {
-  for (char c : levels) handler().enabledIs(c - '0', true);
-  testing::internal::CaptureStderr();
-  body();
-  for (char c : levels) handler().enabledIs(c - '0', false);
-  return testing::internal::GetCapturedStderr();
-}
-
-const auto parseStartTime = [](const std::string& line) { return Tolan::Impl::parseProcStartTime(line, "f"); };
-
-}  // namespace
+std::string startTimeOf(const std::string& line) { return Tolan::Impl::parseProcStartTime(line, "f"); }
 
 TEST(UtilFile, MkpathTouchReadAndRemove) {
-  TempDir tmp;
+  ScratchDir tmp;
   const std::string deep = tmp.path + "/a/b//c/", file = tmp.path + "/f";
   EXPECT_EQ(Util::mkpath(deep, 0750), 0);
   EXPECT_TRUE(std::filesystem::is_directory(tmp.path + "/a/b/c"));
   EXPECT_EQ(Util::mkpath(deep, 0750), EEXIST);
   EXPECT_EQ(Util::mkpath("", 0750), EINVAL);
-
   EXPECT_FALSE(Util::fileSize(file).has_value());
   ASSERT_TRUE(Util::touch(file));
   EXPECT_EQ(Util::mkpath(file, 0750), ENOTDIR);
@@ -58,70 +38,59 @@ TEST(UtilFile, MkpathTouchReadAndRemove) {
   std::string read = "old";
   ASSERT_TRUE(Util::readFile(handler(), file, read));
   EXPECT_EQ(read, text);
-  // /proc files claim a size of 0 but have contents.
-  ASSERT_TRUE(Util::readFile(handler(), "/proc/self/status", read));
+  ASSERT_TRUE(Util::readFile(handler(), "/proc/self/status", read));  // claims a size of 0
   EXPECT_THAT(read, HasSubstr("Name:"));
-
   EXPECT_TRUE(Util::removeFile(file));
   EXPECT_TRUE(Util::removeFile(file)) << "a missing file counts as removed";
   EXPECT_FALSE(Util::removeFile(tmp.path)) << "directories are not removed";
-  EXPECT_THAT(traced("1", [&] { EXPECT_FALSE(Util::readFile(handler(), file, read)); }),
+  EXPECT_THAT(traceOf(handler(), "1", [&] { EXPECT_FALSE(Util::readFile(handler(), file, read)); }),
               HasSubstr("Tolan::Util::readFile() could not read file:" + file + " error:No such file or directory"));
   EXPECT_EQ(read, "");
   EXPECT_FALSE(Util::touch(tmp.path + "/no/such/dir"));
   EXPECT_EQ(Util::getCwd(handler()), std::filesystem::current_path().string());
 }
 
-TEST(UtilProc, TitleAndStartTimeOfAProcessWithAnAwkwardName) {
+TEST(UtilProc, TitleStartTimeAndCommandLineOfLiveAndExitedProcesses) {
   // Only the last ")" ends the command name.
   ForkedChild child([] { return prctl(PR_SET_NAME, "ut) x) y", 0, 0, 0) == 0 ? 'y' : 'n'; });
   ASSERT_EQ(child.report(), 'y');
   EXPECT_EQ(Util::readProcTitle(handler(), child.pid(), true), "ut) x) y");
   const std::string start = Util::readProcStartTime(handler(), child.pid());
-  ASSERT_FALSE(start.empty());
   // A child forked just now started at about the current uptime; no other
   // field of the stat line is near it.
   double uptime = 0;
   std::ifstream("/proc/uptime") >> uptime;
   EXPECT_LT(std::fabs(uptime - std::stod(start) / sysconf(_SC_CLK_TCK)), 60.0) << start << " vs " << uptime;
-}
-
-TEST(UtilProc, ExitedProcessYieldsEmptyResultsAndTraces) {
-  const std::string gone = std::to_string(exitedPid());
-  std::string title = "x", start = "x";
-  const std::string out = traced("15", [&] {
-    title = Util::readProcTitle(handler(), std::stoi(gone), true);
-    start = Util::readProcStartTime(handler(), std::stoi(gone));
-  });
-  EXPECT_EQ(title + start + Util::readPidCmdline(handler(), std::stoi(gone)), "");
-  EXPECT_THAT(out, HasSubstr("error - Couldn't access status file:/proc/" + gone + "/status"));
-  EXPECT_THAT(out, HasSubstr("error - Couldn't access stat file:/proc/" + gone + "/stat"));
-  EXPECT_EQ(traced("15", [&] { EXPECT_EQ(Util::readProcTitle(handler(), std::stoi(gone), false), ""); }), "");
-}
-
-TEST(UtilProc, StartTimeParserHandlesNamesAndRefusesShortLines) {
-  Tolan::throwOnAssertFailIs(true);
-  std::string tail;
-  for (int i = 0; i < 30; ++i) tail += " " + std::to_string(100 + i);
-  // After ") " the state is token 0 and the start time token 19: here "118".
-  EXPECT_EQ(parseStartTime("42 (a) (b) c) S" + tail), "118");
-  EXPECT_EQ(parseStartTime("42 (plain) R" + tail), "118");
-  const std::string cut = thrownMessage<Tolan::AssertException>(
-      [] { Tolan::Impl::parseProcStartTime("42 (cut) S 1 2 3", "/proc/42/stat"); });
-  EXPECT_THAT(cut, HasSubstr("Failed to parse start time from file: /proc/42/stat line: \"42 (cut) S 1 2 3\""));
-  EXPECT_THAT(cut, HasSubstr("startTimeFieldPos:19"));
-  for (const std::string bad : {"42 no paren at all", "42 (name)", "42 (name) "}) {
-    EXPECT_THAT(thrownMessage<Tolan::AssertException>([&] { parseStartTime(bad); }),
-                HasSubstr("input not long enough to contain start time. file: f line: \"" + bad));
-  }
-}
-
-TEST(UtilProc, CmdlineAndSocketOwnerOfRealProcesses) {
   ForkedChild sleeper([] { return execl("/bin/sleep", "sleep", "30", "0", nullptr), 'n'; });
   ASSERT_EQ(sleeper.report(), 0) << "exec failed";
   EXPECT_EQ(Util::readPidCmdline(handler(), sleeper.pid()), std::string("sleep\0" "30\0" "0\0", 11));
 
-  TempDir tmp;
+  const pid_t gone = exitedPid();
+  std::string title = "x", startTime = "x";
+  const std::string out = traceOf(handler(), "15", [&] {
+    title = Util::readProcTitle(handler(), gone, true);
+    startTime = Util::readProcStartTime(handler(), gone);
+  });
+  EXPECT_EQ(title + startTime + Util::readPidCmdline(handler(), gone), "");
+  EXPECT_THAT(out, HasSubstr("error - Couldn't access status file:/proc/" + std::to_string(gone) + "/status"));
+  EXPECT_THAT(out, HasSubstr("error - Couldn't access stat file:/proc/" + std::to_string(gone) + "/stat"));
+  EXPECT_EQ(traceOf(handler(), "15", [&] { EXPECT_EQ(Util::readProcTitle(handler(), gone, false), ""); }), "");
+}
+
+TEST(UtilProc, StartTimeParserHandlesNamesAndRefusesShortLines) {
+  std::string tail;
+  for (int i = 0; i < 30; ++i) tail += " " + std::to_string(100 + i);
+  // After ") " the state is token 0 and the start time token 19: here "118".
+  EXPECT_EQ(startTimeOf("42 (a) (b) c) S" + tail), "118");
+  EXPECT_EQ(startTimeOf("42 (plain) R" + tail), "118");
+  EXPECT_ASSERTS(Tolan::Impl::parseProcStartTime("42 (cut) S 1 2 3", "/proc/42/stat"),
+                 "Failed to parse start time from file: /proc/42/stat line: \"42 (cut) S 1 2 3\" procStartTime.size():");
+  for (const std::string bad : {"42 no paren at all", "42 (name)", "42 (name) "})
+    EXPECT_ASSERTS(startTimeOf(bad), "input not long enough to contain start time. file: f line: \"" + bad);
+}
+
+TEST(UtilProc, SocketOwnerShmemInCoreAndWaitDefault) {
+  ScratchDir tmp;
   const std::string path = tmp.path + "/sock";
   ForkedChild server([&] {
     sockaddr_un addr{AF_UNIX, {}};
@@ -131,10 +100,9 @@ TEST(UtilProc, CmdlineAndSocketOwnerOfRealProcesses) {
   });
   ASSERT_EQ(server.report(), 'y');
   EXPECT_EQ(Util::readSocketPid(handler(), path), server.pid());
-  EXPECT_EQ(Util::readSocketPid(handler(), tmp.path + "/nosuch"), Util::kNoPid);
-}
+  EXPECT_THAT(traceOf(handler(), "5", [&] { EXPECT_EQ(Util::readSocketPid(handler(), path + "x"), Util::kNoPid); }),
+              HasSubstr("unable to find inode"));
 
-TEST(UtilProc, IncludeShmemInCoreSetsTheSharedFileBit) {
   ForkedChild child([] {  // a child's filter we may change freely
     const std::string file = "/proc/" + std::to_string(getpid()) + "/coredump_filter";
     if (!(std::ofstream(file) << "0x33")) return 'w';
@@ -144,23 +112,21 @@ TEST(UtilProc, IncludeShmemInCoreSetsTheSharedFileBit) {
     return static_cast<char>(mask);
   });
   EXPECT_EQ(child.report(), 0x3b);
-}
 
-TEST(UtilProc, WaitForDefaultTimeoutFromEnvironment) {
   unsetenv("WAITFOR_DEFAULT");
   EXPECT_EQ(Tolan::waitForDefaultTimeout(), Tolan::kWaitForDefaultSeconds);
   setenv("WAITFOR_DEFAULT", "2.5", 1);
   EXPECT_EQ(Tolan::waitForDefaultTimeout(), 2.5);
   for (const char* bad : {"soon", "3s", "", "-1"}) {
     setenv("WAITFOR_DEFAULT", bad, 1);
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(Tolan::waitForDefaultTimeout(), Tolan::kWaitForDefaultSeconds) << bad;
-    EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr("Parsing the WAITFOR_DEFAULT env. variable failed"));
+    EXPECT_THAT(traceOf([] { EXPECT_EQ(Tolan::waitForDefaultTimeout(), Tolan::kWaitForDefaultSeconds); }),
+                HasSubstr("Parsing the WAITFOR_DEFAULT env. variable failed"))
+        << bad;
   }
   unsetenv("WAITFOR_DEFAULT");
 }
 
-TEST(Mappings, ParsesLinesAndFormatsThem) {
+TEST(Mappings, ParsesLinesFormatsThemAndFindsAddresses) {
   Tolan::MappingInfo info;
   const std::string line = "7f12a000-7f12b000 r-xp 00001000 08:1f 1234567                    /usr/lib/x y.so";
   const std::string anon = "ffffffffff600000-ffffffffff601000 --xp 00000000 00:00 0";
@@ -173,33 +139,23 @@ TEST(Mappings, ParsesLinesAndFormatsThem) {
     EXPECT_EQ(fmt::format("{}", info), "MappingInfo { " + std::string(expected));
   }
   for (const std::string bad : {"", "7f12a000 r-xp 0 08:01 1 /x", "1-2 r-xp 0 08 1", "1-2 r-xp 0 08:01 1x /p",
-                                "1-2 r-xp 0 08:01", "zz-2 r-xp 0 08:01 1"}) {
+                                "1-2 r-xp 0 08:01", "zz-2 r-xp 0 08:01 1"})
     EXPECT_FALSE(Tolan::Impl::parseMapsLine(bad.data(), bad.size(), info)) << bad;
+  Tolan::MappingInfos two;
+  Tolan::Impl::parseMaps(line + "\n\n" + anon + "\n", "/proc/1/maps", two);
+  ASSERT_EQ(two.size(), 2u);
+  EXPECT_ASSERTS(Tolan::Impl::parseMaps(line + "\ngarbage\n", "/proc/1/maps", two), "malformed line in /proc/1/maps: \"garbage\"");
+  // The end address belongs to the next mapping, not this one.
+  for (auto [address, path] : {std::pair{0x7f129fffull, ""}, {0x7f12a000ull, "/usr/lib/x y.so"},
+                               {0x7f12afffull, "/usr/lib/x y.so"}, {0x7f12b000ull, ""}}) {
+    const Tolan::MappingInfo* found = two.find(reinterpret_cast<const void*>(address));
+    EXPECT_EQ(found ? found->path : "", path) << address;
   }
-
-  Tolan::throwOnAssertFailIs(true);
-  Tolan::MappingInfos infos;
-  Tolan::Impl::parseMaps(line + "\n\n" + anon + "\n", "/proc/1/maps", infos);
-  ASSERT_EQ(infos.size(), 2u);
-  EXPECT_EQ(infos.find(reinterpret_cast<const void*>(0x7f12a800))->path, "/usr/lib/x y.so");
-  EXPECT_THROW(Tolan::Impl::parseMaps(line + "\ngarbage\n", "/proc/1/maps", infos), Tolan::AssertException);
-}
-
-TEST(Mappings, FindsTheMappingOfAnAddress) {
   Tolan::PidMappings cache;
-  const Tolan::MappingInfos& mine = cache.mappingInfos(getpid());
-  const Tolan::MappingInfo* code = mine.find(reinterpret_cast<const void*>(&Tolan::Util::hash));
+  const Tolan::MappingInfo* code = cache.mappingInfos(getpid()).find(reinterpret_cast<const void*>(&Util::hash));
   ASSERT_NE(code, nullptr);
   EXPECT_THAT(code->path, HasSubstr("libTolan.so"));
   EXPECT_EQ(code->perms[2], 'x') << code->toString();
   EXPECT_NE(code->inode, 0u);
-  // The end address belongs to the next mapping, not this one.
-  Tolan::MappingInfos two;
-  two.insert({0x1000, 0x2000, "r--p", 0, 0, 0, 0, "a"});
-  two.insert({0x3000, 0x4000, "r--p", 0, 0, 0, 0, "b"});
-  for (auto [address, path] : {std::pair{0xfff, ""}, {0x1fff, "a"}, {0x2000, ""}, {0x3000, "b"}, {0x4000, ""}}) {
-    const Tolan::MappingInfo* found = two.find(reinterpret_cast<const void*>(address));
-    EXPECT_EQ(found ? found->path : "", path) << address;
-  }
   EXPECT_TRUE(cache.mappingInfos(exitedPid()).empty());
 }
