@@ -1,6 +1,11 @@
 #include "Tolan/DebugOutput.h"
 
+#include <errno.h>
+#include <fcntl.h>
 #include <fmt/format.h>
+#include <pthread.h>
+#include <signal.h>
+#include <string.h>
 #include <sys/time.h>
 #include <time.h>
 #include <unistd.h>
@@ -8,7 +13,6 @@
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <iostream>
 #include <string>
 
@@ -18,14 +22,30 @@
 #include "Tolan/Thread.h"
 
 // A line is assembled whole on the caller's stack (prefix, message, newline)
-// and written with one call under the global lock, then flushed: one write(2)
-// per line, nothing held back in a buffer when the process dies.
+// and written with write(2) under the global lock: nothing is held back in a
+// buffer when the process dies, and lines of different threads never mix.
 //
 // The field switches are read without the lock; a concurrent setTraceFormat()
 // can at worst give one line a mixture of old and new fields.
 //
-// The sink is never destroyed: threads may trace while static destructors run,
-// and every line is already flushed, so closing the file at exit adds nothing.
+// The sink is never destroyed: threads may trace while static destructors run.
+//
+// What a trace line must never do to the process:
+// - block it before main(): the file is opened non-blocking, so a FIFO
+//   without a reader fails to open (ENXIO) instead of waiting for one;
+// - leak into programs it execs: the file is opened close-on-exec;
+// - kill it: a reader that went away (SIGPIPE) or a file-size limit
+//   (SIGXFSZ) would end the process by default. Both signals are blocked in
+//   the writing thread for the length of the write, and a signal that the
+//   write itself raised is taken off again before they are unblocked; the
+//   process's dispositions are never touched, and a signal that was already
+//   pending stays pending;
+// - lose lines silently: a write to the trace file that fails (full disk,
+//   /dev/full, the size limit, a reader gone) is reported once on standard
+//   error, and that line and all later ones go to standard error until the
+//   next setupTolanDebug() reopens the file (appending, so that what was
+//   written before the failure is kept). A line is never torn between the
+//   two: a partial line left in a regular file is cut off again.
 
 namespace Tolan {
 namespace {
@@ -41,8 +61,9 @@ std::atomic<bool> gShow[kFieldCount] = {};
 bool show(Field f) noexcept { return gShow[f].load(std::memory_order_relaxed); }
 
 struct TraceSink {
-  std::ofstream file;
-  String name;
+  int fd = -1;          // the trace file; -1 writes to standard error
+  String name;          // TRACEFILE the file was opened from
+  bool failed = false;  // a write to the file failed: name kept, fd closed
 };
 
 TraceSink& sink() {
@@ -117,6 +138,71 @@ void appendPrefix(LineBuffer& out, unsigned level, std::string_view handleName, 
   if (show(kFuncName)) fmt::format_to(fmt::appender(out), "{} ", func ? func : "");
 }
 
+// Holds SIGPIPE and SIGXFSZ back in the calling thread while it writes.
+class QuietWrite {
+ public:
+  QuietWrite() noexcept {
+    sigemptyset(&quiet_);
+    sigaddset(&quiet_, SIGPIPE);
+    sigaddset(&quiet_, SIGXFSZ);
+    pthread_sigmask(SIG_BLOCK, &quiet_, &old_);
+    sigpending(&pendingBefore_);
+  }
+  // Takes off a signal that a failed write raised (EPIPE, EFBIG), unless the
+  // caller had it blocked or it was pending already, then restores the mask.
+  ~QuietWrite() {
+    if (raisedBy_ != 0) {
+      sigset_t pending;
+      sigpending(&pending);
+      if (sigismember(&pending, raisedBy_) && !sigismember(&pendingBefore_, raisedBy_) &&
+          !sigismember(&old_, raisedBy_)) {
+        sigset_t one;
+        sigemptyset(&one);
+        sigaddset(&one, raisedBy_);
+        const timespec none{0, 0};
+        while (sigtimedwait(&one, nullptr, &none) < 0 && errno == EINTR) {
+        }
+      }
+    }
+    pthread_sigmask(SIG_SETMASK, &old_, nullptr);
+  }
+  void failedWith(int error) noexcept { raisedBy_ = error == EPIPE ? SIGPIPE : error == EFBIG ? SIGXFSZ : 0; }
+
+ private:
+  sigset_t quiet_, old_, pendingBefore_;
+  int raisedBy_ = 0;
+};
+
+// Writes all of [p, p + n) to fd; 0 on success, else the error. A partial
+// line left in a regular file is cut off, so that no line is torn.
+int writeWhole(int fd, const char* p, size_t n) noexcept {
+  QuietWrite quiet;
+  size_t done = 0;
+  while (done < n) {
+    const ssize_t w = ::write(fd, p + done, n - done);
+    if (w > 0) {
+      done += static_cast<size_t>(w);
+    } else if (w < 0 && errno == EINTR) {
+      continue;
+    } else {
+      const int error = w < 0 ? errno : EIO;
+      quiet.failedWith(error);
+      const off_t end = done > 0 ? ::lseek(fd, 0, SEEK_CUR) : -1;
+      if (end >= static_cast<off_t>(done)) (void)::ftruncate(fd, end - static_cast<off_t>(done));
+      return error;
+    }
+  }
+  return 0;
+}
+
+String errorText(int error) {
+  char buffer[256];
+  return ::strerror_r(error, buffer, sizeof buffer);  // the GNU form returns the text
+}
+
+// Standard error is the sink of last resort: its own failures are ignored.
+void writeStderr(const std::string& text) noexcept { (void)writeWhole(STDERR_FILENO, text.data(), text.size()); }
+
 }  // namespace
 
 namespace Impl {
@@ -130,9 +216,16 @@ void writeTraceLine(const char* msg, size_t len, unsigned level, std::string_vie
 
   Platform::LocoGuard guard;
   TraceSink& s = sink();
-  std::ostream& os = s.file.is_open() ? static_cast<std::ostream&>(s.file) : std::cerr;
-  os.write(out.data(), static_cast<std::streamsize>(out.size()));
-  os.flush();
+  if (s.fd >= 0) {
+    const int error = writeWhole(s.fd, out.data(), out.size());
+    if (error == 0) return;
+    ::close(s.fd);
+    s.fd = -1;
+    s.failed = true;
+    writeStderr("Error writing TRACEFILE=" + s.name + ": " + errorText(error) +
+                "\nDefaulting to std::cerr for trace output.\n");
+  }
+  (void)writeWhole(STDERR_FILENO, out.data(), out.size());
 }
 
 }  // namespace Impl
@@ -193,21 +286,30 @@ void reopenTraceFile() {
   Platform::LocoGuard guard;
   TraceSink& s = sink();
   const char* name = std::getenv("TRACEFILE");
+  bool append = false;
   if (name && s.name == name) {
-    if (s.file.is_open()) return;
+    if (s.fd >= 0) return;
+    append = s.failed;  // recovering after a failed write: keep what was written
   } else {
-    if (s.file.is_open()) s.file.close();
+    if (s.fd >= 0) ::close(s.fd);
+    s.fd = -1;
     s.name.clear();
+    s.failed = false;
     if (!name) return;
   }
   s.name = name;
-  s.file.clear();
-  s.file.open(name, std::ios::out | std::ios::trunc);
-  if (!s.file.is_open()) {
-    std::cerr << "Error opening TRACEFILE=" << name << "\n"
-              << "Defaulting to std::cerr for trace output." << std::endl;
-    s.name.clear();
+  s.failed = false;
+  const int fd =
+      ::open(name, O_WRONLY | O_CREAT | O_CLOEXEC | O_NONBLOCK | (append ? O_APPEND : O_TRUNC), 0666);
+  if (fd >= 0) {
+    // Non-blocking only for the open; a slow reader slows tracing as it would on stderr.
+    const int flags = ::fcntl(fd, F_GETFL);
+    if (flags >= 0) (void)::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK);
+    s.fd = fd;
+    return;
   }
+  writeStderr(String("Error opening TRACEFILE=") + name + "\nDefaulting to std::cerr for trace output.\n");
+  s.name.clear();
 }
 
 }  // namespace Impl

@@ -5,6 +5,8 @@
 // This program counts heap allocations: it replaces operator new.
 #include <sys/time.h>
 
+#include <sys/stat.h>
+
 #include <regex>
 #include <set>
 
@@ -205,6 +207,50 @@ TEST(TraceStartup, TraceFileIsOpenedAtLoadAndReconsideredBySetup) {
   EXPECT_EQ(slurp(b), "six\n");
   EXPECT_THAT(c.err, StartsWith("four\nError opening TRACEFILE="));
   EXPECT_THAT(c.err, EndsWith("Defaulting to std::cerr for trace output.\nfive\n"));
+}
+
+// What a trace file must never do to the process: block it (a FIFO without a
+// reader), leak into what it execs, kill it (SIGPIPE, SIGXFSZ), or lose lines
+// silently. A failing file is reported once, its lines go to standard error
+// whole, and the next setup reopens it without losing what it held.
+TEST(TraceStartup, TheTraceFileNeverHangsLeaksKillsOrLosesLines) {
+  ScratchDir tmp;
+  const std::string fifo = tmp.path + "/fifo", log = tmp.path + "/a.log";
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  const std::string opening = "Error opening TRACEFILE=" + fifo + "\nDefaulting to std::cerr for trace output.\n";
+  const std::string writing = ": Broken pipe\nDefaulting to std::cerr for trace output.\n";
+  const struct {
+    std::vector<std::string> commands;
+    std::string file, err, out;
+  } rows[] = {
+      {{"trace Tolan 1 a"}, fifo, opening + "a\n", ""},
+      {{"exec ls -l /proc/$$/fd | grep -c a.log || true"}, log, "", "0\n"},
+      {{"stderr-to-dead-pipe", "trace Tolan 1 a", "exec echo alive"}, "", "", "alive\n"},
+      {{"fifo-reader-gone " + tmp.path + "/f2", "trace Tolan 1 a", "trace Tolan 1 b"}, "",
+       "Error writing TRACEFILE=" + tmp.path + "/f2" + writing + "a\nb\n", ""},
+      {{"trace Tolan 1 a", "trace Tolan 1 b", "setup", "trace Tolan 1 c"}, "/dev/full",
+       "Error writing TRACEFILE=/dev/full: No space left on device\nDefaulting to std::cerr for trace output.\na\nb\n"
+       "Error writing TRACEFILE=/dev/full: No space left on device\nDefaulting to std::cerr for trace output.\nc\n",
+       ""},
+  };
+  for (const auto& r : rows) {
+    std::optional<std::string> file;
+    if (!r.file.empty()) file = r.file;
+    const auto c = traceProbe(r.commands, {{"TRACEFILE", file}, {"TRACEFORMAT", ""}});
+    EXPECT_TRUE(c.exitedWith(0)) << r.commands[0] << ": " << c.describe();
+    EXPECT_EQ(c.err, r.err) << r.commands[0];
+    EXPECT_EQ(c.out, r.out) << r.commands[0];
+  }
+  // Past the size limit (which the captured stderr file obeys too, hence a
+  // long first line): no SIGXFSZ death, no torn line, and after the limit is
+  // lifted the next setup appends to what the file held.
+  const std::string one(200, '1');
+  const auto c = traceProbe({"trace Tolan 1 " + one, "fsize 204", "trace Tolan 1 three", "fsize unlimited", "setup",
+                             "trace Tolan 1 four"},
+                            {{"TRACEFILE", log}, {"TRACEFORMAT", ""}});
+  EXPECT_TRUE(c.exitedWith(0)) << c.describe();
+  EXPECT_EQ(slurp(log), one + "\nfour\n");
+  EXPECT_THAT(c.err, EndsWith("File too large\nDefaulting to std::cerr for trace output.\nthree\n"));
 }
 
 TEST(TraceStartup, ConcurrentLinesArriveWholeAndAllOfThem) {

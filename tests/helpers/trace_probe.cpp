@@ -8,6 +8,15 @@
 //   clear SPEC              clearTolanDebug(SPEC)
 //   setenv VAR VALUE / unsetenv VAR
 //   dump-map / print-format / default-handle
+//   exec SHELLCOMMAND       replace the probe with sh -c SHELLCOMMAND
+//   stderr-to-dead-pipe     standard error becomes a pipe nobody reads
+//   fifo-reader-gone PATH   TRACEFILE=PATH, a FIFO whose only reader leaves after setup
+//   fsize BYTES|unlimited   the soft RLIMIT_FSIZE
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cstdlib>
 #include <iostream>
 #include <map>
@@ -80,6 +89,26 @@ bool run(const std::string& command) {
     Tolan::Platform::printAllTraceFormat();
   } else if (verb == "default-handle") {
     std::cout << "default " << display(*TOLAN_DEFAULT_HANDLE) << std::endl;
+  } else if (verb == "exec") {
+    execl("/bin/sh", "sh", "-c", rest.c_str(), static_cast<char*>(nullptr));
+    return false;
+  } else if (verb == "stderr-to-dead-pipe") {
+    int p[2];
+    if (pipe(p) != 0) return false;
+    close(p[0]);
+    dup2(p[1], STDERR_FILENO);
+    close(p[1]);
+  } else if (verb == "fifo-reader-gone") {
+    if (mkfifo(rest.c_str(), 0600) != 0) return false;
+    const int reader = open(rest.c_str(), O_RDONLY | O_NONBLOCK);
+    setenv("TRACEFILE", rest.c_str(), 1);
+    Tolan::Platform::setupTolanDebug("");
+    close(reader);
+  } else if (verb == "fsize") {
+    struct rlimit limit;
+    getrlimit(RLIMIT_FSIZE, &limit);
+    limit.rlim_cur = rest == "unlimited" ? limit.rlim_max : std::stoul(rest);
+    if (setrlimit(RLIMIT_FSIZE, &limit) != 0) return false;
   } else {
     return false;
   }
