@@ -6,6 +6,8 @@
 #include <pthread.h>
 #include <signal.h>
 #include <string.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <time.h>
 #include <unistd.h>
@@ -14,6 +16,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
+#include <optional>
 #include <string>
 
 #include "Tolan/Impl/MessageBuffer.h"
@@ -36,10 +39,12 @@
 // - leak into programs it execs: the file is opened close-on-exec;
 // - kill it: a reader that went away (SIGPIPE) or a file-size limit
 //   (SIGXFSZ) would end the process by default. Both signals are blocked in
-//   the writing thread for the length of the write, and a signal that the
-//   write itself raised is taken off again before they are unblocked; the
-//   process's dispositions are never touched, and a signal that was already
-//   pending stays pending;
+//   the writing thread for the length of a write to a sink that can raise
+//   them (standard error, a pipe or socket, a regular file under a size
+//   limit), and a signal that the write itself raised is taken off again
+//   before they are unblocked; the process's dispositions are never touched,
+//   and a signal that was already pending stays pending. A size limit set
+//   after the trace file was opened counts from the next setupTolanDebug();
 // - lose lines silently: a write to the trace file that fails (full disk,
 //   /dev/full, the size limit, a reader gone) is reported once on standard
 //   error, and that line and all later ones go to standard error until the
@@ -64,6 +69,7 @@ struct TraceSink {
   int fd = -1;          // the trace file; -1 writes to standard error
   String name;          // TRACEFILE the file was opened from
   bool failed = false;  // a write to the file failed: name kept, fd closed
+  bool quiet = false;   // writes to fd can raise SIGPIPE or SIGXFSZ
 };
 
 TraceSink& sink() {
@@ -174,9 +180,12 @@ class QuietWrite {
 };
 
 // Writes all of [p, p + n) to fd; 0 on success, else the error. A partial
-// line left in a regular file is cut off, so that no line is torn.
-int writeWhole(int fd, const char* p, size_t n) noexcept {
-  QuietWrite quiet;
+// line left in a regular file is cut off, so that no line is torn. Holding
+// the signals costs three system calls besides the write, so it is done only
+// for sinks that can raise them (`quiet`).
+int writeWhole(int fd, const char* p, size_t n, bool quiet) noexcept {
+  std::optional<QuietWrite> held;
+  if (quiet) held.emplace();
   size_t done = 0;
   while (done < n) {
     const ssize_t w = ::write(fd, p + done, n - done);
@@ -186,7 +195,7 @@ int writeWhole(int fd, const char* p, size_t n) noexcept {
       continue;
     } else {
       const int error = w < 0 ? errno : EIO;
-      quiet.failedWith(error);
+      if (held) held->failedWith(error);
       const off_t end = done > 0 ? ::lseek(fd, 0, SEEK_CUR) : -1;
       if (end >= static_cast<off_t>(done)) (void)::ftruncate(fd, end - static_cast<off_t>(done));
       return error;
@@ -200,8 +209,24 @@ String errorText(int error) {
   return ::strerror_r(error, buffer, sizeof buffer);  // the GNU form returns the text
 }
 
-// Standard error is the sink of last resort: its own failures are ignored.
-void writeStderr(const std::string& text) noexcept { (void)writeWhole(STDERR_FILENO, text.data(), text.size()); }
+// Standard error is the sink of last resort: its own failures are ignored. It
+// may be a pipe or a socket (a service's journal) and the program may
+// redirect it at any time, so its writes always hold the signals.
+void writeStderr(const char* p, size_t n) noexcept { (void)writeWhole(STDERR_FILENO, p, n, true); }
+void writeStderr(const std::string& text) noexcept { writeStderr(text.data(), text.size()); }
+
+// Whether writes to the trace file can raise a signal: SIGPIPE from a pipe,
+// FIFO or socket, SIGXFSZ from a regular file under a finite size limit.
+// Decided when the file is opened and again at every setupTolanDebug(), so a
+// size limit lowered later is honoured from the next setup on.
+bool canRaiseSignals(int fd) noexcept {
+  struct stat st;
+  if (::fstat(fd, &st) != 0) return true;
+  if (S_ISFIFO(st.st_mode) || S_ISSOCK(st.st_mode)) return true;
+  if (!S_ISREG(st.st_mode)) return false;
+  struct rlimit limit;
+  return ::getrlimit(RLIMIT_FSIZE, &limit) != 0 || limit.rlim_cur != RLIM_INFINITY;
+}
 
 }  // namespace
 
@@ -217,7 +242,7 @@ void writeTraceLine(const char* msg, size_t len, unsigned level, std::string_vie
   Platform::LocoGuard guard;
   TraceSink& s = sink();
   if (s.fd >= 0) {
-    const int error = writeWhole(s.fd, out.data(), out.size());
+    const int error = writeWhole(s.fd, out.data(), out.size(), s.quiet);
     if (error == 0) return;
     ::close(s.fd);
     s.fd = -1;
@@ -225,7 +250,7 @@ void writeTraceLine(const char* msg, size_t len, unsigned level, std::string_vie
     writeStderr("Error writing TRACEFILE=" + s.name + ": " + errorText(error) +
                 "\nDefaulting to std::cerr for trace output.\n");
   }
-  (void)writeWhole(STDERR_FILENO, out.data(), out.size());
+  writeStderr(out.data(), out.size());
 }
 
 }  // namespace Impl
@@ -288,7 +313,10 @@ void reopenTraceFile() {
   const char* name = std::getenv("TRACEFILE");
   bool append = false;
   if (name && s.name == name) {
-    if (s.fd >= 0) return;
+    if (s.fd >= 0) {
+      s.quiet = canRaiseSignals(s.fd);
+      return;
+    }
     append = s.failed;  // recovering after a failed write: keep what was written
   } else {
     if (s.fd >= 0) ::close(s.fd);
@@ -306,6 +334,7 @@ void reopenTraceFile() {
     const int flags = ::fcntl(fd, F_GETFL);
     if (flags >= 0) (void)::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK);
     s.fd = fd;
+    s.quiet = canRaiseSignals(fd);
     return;
   }
   writeStderr(String("Error opening TRACEFILE=") + name + "\nDefaulting to std::cerr for trace output.\n");

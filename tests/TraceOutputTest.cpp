@@ -241,11 +241,11 @@ TEST(TraceStartup, TheTraceFileNeverHangsLeaksKillsOrLosesLines) {
     EXPECT_EQ(c.err, r.err) << r.commands[0];
     EXPECT_EQ(c.out, r.out) << r.commands[0];
   }
-  // Past the size limit (which the captured stderr file obeys too, hence a
-  // long first line): no SIGXFSZ death, no torn line, and after the limit is
+  // Past a size limit (counted from the setup after it was lowered; the
+  // captured stderr file obeys it too, hence a long first line): no SIGXFSZ death, no torn line, and after the limit is
   // lifted the next setup appends to what the file held.
   const std::string one(200, '1');
-  const auto c = traceProbe({"trace Tolan 1 " + one, "fsize 204", "trace Tolan 1 three", "fsize unlimited", "setup",
+  const auto c = traceProbe({"trace Tolan 1 " + one, "fsize 204", "setup", "trace Tolan 1 three", "fsize unlimited", "setup",
                              "trace Tolan 1 four"},
                             {{"TRACEFILE", log}, {"TRACEFORMAT", ""}});
   EXPECT_TRUE(c.exitedWith(0)) << c.describe();
