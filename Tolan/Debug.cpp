@@ -5,7 +5,9 @@
 #include <iostream>
 #include <map>
 #include <typeinfo>
-#include <unordered_map>
+#include <iterator>
+#include <string_view>
+#include <vector>
 
 #include "Tolan/Assert.h"
 #include "Tolan/DebugOutput.h"
@@ -13,10 +15,15 @@
 #include "Tolan/Impl/TraceOutput.h"
 #include "Tolan/Loco.h"
 
-// The registry is three containers: every live handler by name (a multimap:
-// names repeat), the specific rules by name, and the prefix rules in
-// descending order, so that a walk from the start meets the longest matching
-// prefix first and the empty prefix of a bare "*" last.
+// The registry is three ordered containers: every live handler by name (a
+// multimap: names repeat), the specific rules by name, and the prefix rules
+// in descending order (so that a listing shows the longest prefix of a family
+// first and the empty prefix of a bare "*" last). Being ordered, the names
+// that begin with a prefix form one range of each, which is all that set()
+// and clear() walk; the longest prefix rule of a name is found by looking up
+// each of its prefixes, longest first. A rule change therefore costs
+// O(log n) plus what it really touches, and matching O(length x log n):
+// adding n rules is O(n log n), not the O(n^2) of a scan per rule.
 //
 // Handler masks only ever change by OR (set) and AND-NOT (clear) pushed into
 // the handlers alive at the time; nothing is re-evaluated from the rules.
@@ -37,8 +44,10 @@ namespace Tolan {
 namespace {
 
 using HandlerMap = std::multimap<String, Orn::DebugHandler*>;
-using SpecificMap = std::unordered_map<String, Orn::DebugControl*>;
-using WildcardMap = std::map<String, Orn::DebugControl*, std::greater<String>>;
+using SpecificMap = std::map<String, Orn::DebugControl*, std::less<>>;
+using WildcardMap = std::map<String, Orn::DebugControl*, std::greater<>>;
+// Handlers made by clear() for a name only a prefix rule covered (see there).
+using ClearedNames = std::map<String, Orn::DebugHandler*, std::less<>>;
 
 HandlerMap& handlers() {
   static NoDestructor<HandlerMap> map;
@@ -52,8 +61,31 @@ WildcardMap& wildcardRules() {
   static NoDestructor<WildcardMap> map;
   return *map;
 }
+ClearedNames& clearedNames() {
+  static NoDestructor<ClearedNames> map;
+  return *map;
+}
 
-bool startsWith(const String& s, const String& prefix) noexcept { return s.compare(0, prefix.size(), prefix) == 0; }
+bool startsWith(std::string_view s, std::string_view prefix) noexcept {
+  return s.substr(0, prefix.size()) == prefix;
+}
+
+// Calls fn(rule) for every prefix rule whose prefix begins with `prefix`.
+// They form one range of the descending map, ending at `prefix` itself; it
+// is walked upwards from there. fn may not change the map.
+template <typename Fn>
+void forEachWildcardUnder(const String& prefix, Fn fn) {
+  WildcardMap& rules = wildcardRules();
+  for (auto it = std::make_reverse_iterator(rules.upper_bound(prefix)); it != rules.rend(); ++it) {
+    if (!startsWith(it->first, prefix)) break;
+    fn(it->second);
+  }
+}
+template <typename Fn>
+void forEachSpecificUnder(const String& prefix, Fn fn) {
+  SpecificMap& rules = specificRules();
+  for (auto it = rules.lower_bound(prefix); it != rules.end() && startsWith(it->first, prefix); ++it) fn(it->second);
+}
 
 String levelDigits(uint16_t mask) {
   String out;
@@ -219,8 +251,12 @@ uint16_t DebugControl::parseLevels(const String& spec) {
 DebugControl* DebugControl::findWildcard(String name) {
   TOLAN_PROCESS_ASSERT(locoHeld(), "DebugControl::findWildcard() no loco");
   initialize();
-  for (const auto& entry : wildcardRules()) {
-    if (startsWith(name, entry.first)) return entry.second;
+  const WildcardMap& rules = wildcardRules();
+  if (rules.empty()) return nullptr;
+  const std::string_view whole(name);
+  for (size_t length = whole.size() + 1; length-- > 0;) {
+    auto it = rules.find(whole.substr(0, length));
+    if (it != rules.end()) return it->second;
   }
   return nullptr;
 }
@@ -287,12 +323,8 @@ void DebugControl::set(const String& nameSpec, const String& levelsSpec) {
     rule = new DebugControl(name, initial, true);
   }
   const uint16_t result = rule->levels_;
-  for (auto& entry : wildcardRules()) {
-    if (startsWith(entry.first, name)) entry.second->levels_ |= result;
-  }
-  for (auto& entry : specificRules()) {
-    if (startsWith(entry.first, name)) entry.second->levels_ |= result;
-  }
+  forEachWildcardUnder(name, [result](DebugControl* r) { r->levels_ |= result; });
+  forEachSpecificUnder(name, [result](DebugControl* r) { r->levels_ |= result; });
   HandlerMap& all = handlers();
   for (auto h = all.lower_bound(name); h != all.end() && startsWith(h->first, name); ++h) {
     if (!h->second->pinned_) h->second->orLevels(result);
@@ -318,9 +350,12 @@ void DebugControl::clear(const String& nameSpec, const String& levelsSpec) {
       narrow(it->second);
     } else if (DebugControl* covering = findWildcard(name)) {
       // Kept as operators have always seen it: the narrowed levels land in a
-      // new, never-freed handler listed under the name, while no specific rule
-      // is made, so handlers obtained later still get the prefix rule's levels.
-      new DebugHandler(name, covering->levels_ & ~levels, false);
+      // never-freed handler listed under the name, while no specific rule is
+      // made, so handlers obtained later still get the prefix rule's levels.
+      // One such handler per name, made by the first clear and narrowed by
+      // the later ones (below): repeating the clear costs nothing more.
+      DebugHandler*& cleared = clearedNames()[name];
+      if (!cleared) cleared = new DebugHandler(name, covering->levels_ & ~levels, false);
     }
     auto range = handlers().equal_range(name);
     for (auto h = range.first; h != range.second; ++h) {
@@ -329,14 +364,11 @@ void DebugControl::clear(const String& nameSpec, const String& levelsSpec) {
     return;
   }
 
-  for (auto it = wildcardRules().begin(); it != wildcardRules().end();) {
-    DebugControl* rule = (it++)->second;
-    if (startsWith(rule->name_, name)) narrow(rule);
-  }
-  for (auto it = specificRules().begin(); it != specificRules().end();) {
-    DebugControl* rule = (it++)->second;
-    if (startsWith(rule->name_, name)) narrow(rule);
-  }
+  // Collected first: narrowing may delete a rule, which leaves its map.
+  std::vector<DebugControl*> affected;
+  forEachWildcardUnder(name, [&affected](DebugControl* r) { affected.push_back(r); });
+  forEachSpecificUnder(name, [&affected](DebugControl* r) { affected.push_back(r); });
+  for (DebugControl* rule : affected) narrow(rule);
   HandlerMap& all = handlers();
   for (auto h = all.lower_bound(name); h != all.end() && startsWith(h->first, name); ++h) {
     if (!h->second->pinned_) h->second->clearLevels(levels);

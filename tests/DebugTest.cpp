@@ -88,6 +88,10 @@ TEST(DebugRules, ClearNarrowsAndDeletesRules) {
   EXPECT_EQ(displayNew("LeakFoo"), "LeakFoo/59");
   before.reset();
   EXPECT_EQ(countOf(section("Handlers"), "    LeakFoo/"), 1);
+  // Repeated, it reuses that one handler and narrows it further.
+  for (int i = 0; i < 3; ++i) clearTolanDebug("LeakFoo/3");
+  EXPECT_EQ(countOf(section("Handlers"), "    LeakFoo/"), 1);
+  EXPECT_EQ(countOf(section("Handlers"), "    LeakFoo/9\n"), 1);
 }
 
 // Only a final "*" makes a prefix; "*" among levels means all; other
