@@ -199,6 +199,15 @@ class TOLAN_EXPORT Debuggable {
   explicit Debuggable(Platform::DebugHandler& handler) : debug_(handler.shared_from_this()) {}
   explicit Debuggable(const String& name) : debug_(Platform::getDebugHandler(name)) {}
 
+  // A shared owner of `handler` when something owns it; otherwise a pointer
+  // to it that owns nothing, valid only while the caller keeps `handler`
+  // alive. For functions that take a DebugHandler& and need a Debuggable for
+  // the length of the call, whatever holds the handler.
+  static std::shared_ptr<Platform::DebugHandler> ownerOrBorrowed(Platform::DebugHandler& handler) noexcept {
+    if (auto owner = handler.weak_from_this().lock()) return owner;
+    return std::shared_ptr<Platform::DebugHandler>(std::shared_ptr<Platform::DebugHandler>(), &handler);
+  }
+
   Platform::DebugHandler* debugHandler() const noexcept { return debug_.get(); }
   const std::shared_ptr<Platform::DebugHandler>& debugHandlerPtr() const noexcept { return debug_; }
 

@@ -29,6 +29,12 @@ DirNode::DirNode(Platform::DebugHandler& handler, const std::string& path) : Deb
   openDir();
 }
 
+DirNode::DirNode(std::shared_ptr<Platform::DebugHandler> handler, const std::string& path)
+    : Debuggable(std::move(handler)), path_(path) {
+  TOLAN_TRACE_C(*this, 9, DirNode, "path: {}", path_);
+  openDir();
+}
+
 DirNode::DirNode(const DirNode& other) : Debuggable(other.debug_), path_(other.path_) {
   TOLAN_TRACE_C(*this, 9, DirNode, "path: {}", path_);
   if (other.dir_ != nullptr) openDir();

@@ -28,6 +28,9 @@ class TOLAN_EXPORT DirNode : public Debuggable {
   explicit DirNode(Platform::DebugHandler& handler);
   // Opens `path` (see openDir).
   DirNode(Platform::DebugHandler& handler, const std::string& path);
+  // As above, tracing on whatever `handler` points to (see
+  // Debuggable::ownerOrBorrowed for handlers that nothing owns).
+  DirNode(std::shared_ptr<Platform::DebugHandler> handler, const std::string& path);
   // A copy opens its own stream on the same path, positioned at the start:
   // two objects never share a DIR*.
   DirNode(const DirNode& other);

@@ -53,7 +53,9 @@ std::vector<String> fields(const String& line) {
 // under /proc until it returns true; returns that pid, or kNoPid.
 template <typename Visit>
 pid_t forEachProcessFd(Platform::DebugHandler& handler, Visit visit) {
-  DirNode proc(handler, "/proc");
+  // The caller's handler need not be owned by a shared pointer.
+  const auto tracing = Debuggable::ownerOrBorrowed(handler);
+  DirNode proc(tracing, "/proc");
   TOLAN_ASSERT_C(proc.isOpen(), Tolan::Util, "Couldn't open /proc");
   while (struct dirent* entry = proc.readEntry()) {
     const String name(entry->d_name);
@@ -64,7 +66,7 @@ pid_t forEachProcessFd(Platform::DebugHandler& handler, Visit visit) {
       continue;
     }
     const String fdDir = fmt::format("/proc/{}/fd", pid);
-    DirNode fds(handler, fdDir);
+    DirNode fds(tracing, fdDir);
     try {
       while (struct dirent* fdEntry = fds.readEntry()) {
         if (fdEntry->d_name[0] == '.') continue;

@@ -6,6 +6,7 @@
 #include <filesystem>
 
 #include "Tolan/Impl/ProcParsers.h"
+#include "Tolan/Loco.h"
 #include "Tolan/Mappings.h"
 #include "Tolan/Util.h"
 #include "support/Support.h"
@@ -100,6 +101,13 @@ TEST(UtilProc, SocketOwnerShmemInCoreAndWaitDefault) {
   });
   ASSERT_EQ(server.report(), 'y');
   EXPECT_EQ(Util::readSocketPid(handler(), path), server.pid());
+  std::unique_ptr<Tolan::Orn::DebugHandler> unshared;  // no shared owner: must serve as well
+  {
+    Tolan::Platform::LocoGuard guard;
+    unshared = std::make_unique<Tolan::Orn::DebugHandler>("UtilUnshared", 0, false);
+  }
+  EXPECT_EQ(Util::readSocketPid(*unshared, path), server.pid());
+  EXPECT_EQ(Util::readLockPid(*unshared, path + "-no-such-lock"), Util::kNoPid);
   EXPECT_THAT(traceOf(handler(), "5", [&] { EXPECT_EQ(Util::readSocketPid(handler(), path + "x"), Util::kNoPid); }),
               HasSubstr("unable to find inode"));
 
