@@ -51,11 +51,17 @@ bool FileLock::lock(bool allowReentry) {
   const int mk = Util::mkpath(dir_, 0777);
   TOLAN_ASSERT_C(mk == 0 || mk == EEXIST, FileLock, "unexpected mkpath() error {}: {}", dir_, Tolan::strerror(mk));
 
-  // Every user of the lock must be able to open the file, whoever made it.
-  const mode_t oldMask = ::umask(0);
-  const int fd = ::open(file_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+  // Every user of the lock must be able to open the file, whoever made it,
+  // so the one who creates it sets 0666 explicitly. The umask is never
+  // touched: it belongs to the whole process, and files other threads create
+  // meanwhile would get open permissions.
+  int fd = ::open(file_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+  if (fd >= 0) {
+    (void)::fchmod(fd, 0666);
+  } else if (errno == EEXIST) {
+    fd = ::open(file_.c_str(), O_RDWR | O_CLOEXEC);
+  }
   const int openErr = errno;
-  ::umask(oldMask);
   if (fd < 0) {
     TOLAN_TRACE_C(*this, 1, FileLock, "error: could not open lock file:{} {}", file_, Tolan::strerror(openErr));
     return false;

@@ -14,9 +14,10 @@ namespace Tolan {
 namespace Util {
 namespace {
 
-// Makes one directory; 0, EEXIST (an existing directory) or an error number.
+// Makes one directory with exactly `mode` (mkdir applies the umask, so the
+// mode is set again); 0, EEXIST (an existing directory) or an error number.
 int makeOne(const String& dir, mode_t mode) {
-  if (::mkdir(dir.c_str(), mode) == 0) return 0;
+  if (::mkdir(dir.c_str(), mode) == 0) return ::chmod(dir.c_str(), mode) == 0 ? 0 : errno;
   const int err = errno;
   if (err != EEXIST) return err;
   struct stat st {};

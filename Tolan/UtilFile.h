@@ -23,7 +23,8 @@ class DebugHandler;
 namespace Util {
 
 // Creates every missing directory of `path` (absolute or relative; a trailing
-// "/" is ignored) with `mode` (less the umask). Returns 0 when it created the
+// "/" is ignored) with exactly `mode`, whatever the umask (directories that
+// already exist are left as they are). Returns 0 when it created the
 // last directory, EEXIST when that directory already existed, and otherwise
 // the errno of the step that failed (ENOTDIR when a component, or the path
 // itself, exists but is not a directory; EINVAL for an empty path).

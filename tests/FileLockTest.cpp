@@ -21,13 +21,39 @@ TEST_F(FileLockTest, MakesItsFileAndDirectoriesOrSaysWhyNot) {
   EXPECT_EQ(Tolan::cmd_F_OFD_SETLK(), F_OFD_SETLK);
   EXPECT_EQ(Tolan::cmd_F_OFD_GETLK(), F_OFD_GETLK);
   EXPECT_ASSERTS(FileLock(h_, root_, "a/b"), "unexpected '/' in filename: a/b");
+  // Whatever the umask, the file is 0666 and the directories made for it 0777
+  // (else other users could not reach it). The umask itself is never changed,
+  // not even for a moment: files another thread makes meanwhile keep theirs.
   const mode_t old = umask(077);
+  std::atomic<bool> done{false};
+  std::atomic<int> widened{0};
+  std::thread other([&] {
+    for (int i = 0; !done; ++i) {
+      const std::string f = root_ + "/other" + std::to_string(i % 8);
+      const int fd = open(f.c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0666);
+      struct stat st {};
+      if (fd >= 0 && fstat(fd, &st) == 0 && (st.st_mode & 0777) != 0600) ++widened;
+      close(fd);
+      unlink(f.c_str());
+    }
+  });
   FileLock lock(h_, root_ + "/x/y/z", "lockfile");
-  const bool locked = lock.lock(false);
-  EXPECT_EQ(umask(old), 077) << "umask not restored";
+  bool locked = lock.lock(false);
+  for (int i = 0; i < 3000 && locked; ++i) {
+    FileLock again(h_, root_ + "/w" + std::to_string(i % 16), "l");
+    locked = again.lock(false);
+  }
+  done = true;
+  other.join();
+  EXPECT_EQ(umask(old), 077);
+  EXPECT_EQ(widened, 0) << "files of another thread got the lock's permissions";
   ASSERT_TRUE(locked);
   EXPECT_EQ(lock.file(), root_ + "/x/y/z/lockfile");
   struct stat st {};
+  for (const std::string& path : {root_ + "/x", root_ + "/x/y/z"}) {
+    ASSERT_EQ(stat(path.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0777u) << path;
+  }
   ASSERT_EQ(stat(lock.file().c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 0777, 0666u);
   lock.release();
