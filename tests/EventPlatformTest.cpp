@@ -137,20 +137,7 @@ TEST(EventLoop, BoundedRunsWaitTheirTimeLibeventLogsAndFailures) {
   for (const auto& [call, text] : rows) EXPECT_ASSERTS(call(), text);
 }
 
-TEST(EventBase, OnePerThreadRegisteredOnceAndReinitialisedInAForkedChild) {
-  std::thread([] {
-    EXPECT_FALSE(leInitialized());
-    event_base* base = leInit();
-    EXPECT_EQ(leInit(), base);
-    EXPECT_FALSE(leMainThread());
-    leRegisterBase(base);  // the same base again is fine
-    event_base* other = leCreateBase();
-    EXPECT_ASSERTS(leRegisterBase(other), "but a thread_local  base already exists: ");
-    event_base_free(other);
-    leFree();
-    EXPECT_FALSE(leInitialized());
-    leFree();
-  }).join();
+TEST(EventBase, ReinitialisedInAForkedChild) {
   Counting parent, h;
   auto t = getTimerControl(&parent);
   t->setTimeout(30.0);
@@ -169,17 +156,28 @@ TEST(EventBase, OnePerThreadRegisteredOnceAndReinitialisedInAForkedChild) {
   EXPECT_GT(t->remainingTimeout(), 25.0) << "the parent's timer is untouched";
 }
 
-// However a thread ends, its base goes with the last of its users (the thread
-// itself, controls, a thread's wheel), and every descriptor with it.
+// One base per thread, registered once. However a thread ends, its base goes
+// with the last of its users (the thread itself, controls, a thread's wheel),
+// and every descriptor with it.
 TEST(EventBase, GoesWithItsLastUserWhateverTheThreadDoes) {
   Counting h;
   const auto mainWheel = getTimerWheel();
   const int before = openFds();
   std::shared_ptr<TimerControl> kept;
   std::thread([&] {
+    EXPECT_FALSE(leInitialized());
+    event_base* base = leInit();
+    EXPECT_EQ(leInit(), base);
+    EXPECT_FALSE(leMainThread());
+    leRegisterBase(base);  // the same base again is fine
+    event_base* other = leCreateBase();
+    EXPECT_ASSERTS(leRegisterBase(other), "but a thread_local  base already exists: ");
+    event_base_free(other);
     auto t = getTimerControl(&h);
     t->setTimeout(60.0);
-    leFree();            // t keeps the old base; arming again moves it to a new one
+    leFree();  // t keeps the old base; arming again moves it to a new one
+    leFree();  // without a base: nothing
+    EXPECT_FALSE(leInitialized());
     t->setTimeout(0.0);
     doEventLoop(1.0);
     EXPECT_EQ(h.fired, 1);
