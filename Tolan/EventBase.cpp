@@ -10,17 +10,30 @@
 // exception leaving the loop; the handlers that were due behind it run on the
 // next loop call. An exception parked while libevent runs under someone
 // else's event_base_loop is rethrown by the next loop entry point of this
-// library on that thread.
+// library on that thread. For the same reason libevent's fatal-error callback
+// never throws.
 //
-// Clocks: the base uses the precise monotonic clock (the one Tolan::time()
-// reads) and caches no time, so a timer armed from inside a callback is
-// measured from the real arming instant, not from the start of the loop pass;
-// otherwise it could fire before Tolan::time() says it is due.
+// Clocks: the base keeps libevent's default, the coarse monotonic clock. A
+// precise libevent timer (EVENT_BASE_FLAG_PRECISE_TIMER) re-arms a timerfd
+// with one system call on every loop pass, and the scheduler makes a pass per
+// task run. The timer controls keep their own due time on Tolan::time()'s
+// clock instead (LibeventFactory.cpp). No time caching: event_add() then
+// measures from the arming instant (a coarse read costs a few ns), so a
+// timer armed late in a loop pass is not measured from the start of it.
+//
+// Ownership: the thread's share of its base sits behind a pthread key whose
+// destructor lets go of it at thread exit. Key destructors run after the
+// thread's thread_local objects are destroyed, so whatever those own leaves
+// the base first; and since every control holds a share too, any order is
+// safe anyway.
 #include "Tolan/EventBase.h"
 
 #include <event2/event.h>
 #include <event2/event_struct.h>
 #include <event2/thread.h>
+#include <pthread.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 #include <cmath>
 #include <exception>
@@ -46,8 +59,38 @@ namespace {
 using Impl::leDebug;
 using Impl::tlsEventBase;
 
+// The thread's own share of its base (null without one); controls hold the others.
+__thread Impl::BaseShare* tlsShare = nullptr;
 thread_local bool mainThread = false;
+thread_local bool creatingBase = false;
 thread_local std::exception_ptr pendingException;
+
+void releaseAtThreadExit(void*) { leFree(); }
+
+pthread_key_t threadExitKey() {
+  static const pthread_key_t key = [] {
+    pthread_key_t k;
+    TOLAN_PROCESS_ASSERT(pthread_key_create(&k, &releaseAtThreadExit) == 0, "pthread_key_create() == 0");
+    return k;
+  }();
+  return key;
+}
+
+// A base takes an epoll descriptor, a signal pipe and a wake-up eventfd.
+// libevent cannot fail gracefully when the pipe is refused: it calls its fatal
+// callback, which must not return. So creation first checks that the process
+// has that many descriptors to spare. (Another thread may still take them in
+// the instant before libevent does; then le_fatal_cb ends the process with
+// "Failed to create event_base".)
+constexpr int kDescriptorsPerBase = 4;
+
+bool descriptorsToSpare() {
+  int fds[kDescriptorsPerBase];
+  int n = 0;
+  while (n < kDescriptorsPerBase && (fds[n] = eventfd(0, EFD_CLOEXEC)) >= 0) ++n;
+  for (int i = 0; i < n; ++i) close(fds[i]);
+  return n == kDescriptorsPerBase;
+}
 
 const void* vp(const void* p) { return p; }
 
@@ -97,12 +140,17 @@ struct LeInitializer {
 
 event_base* leCreateBase() {
   static LeInitializer leInitializer;
+  TOLAN_ASSERT(descriptorsToSpare(), "Failed to create event_base: fewer than {} descriptors to spare",
+               kDescriptorsPerBase);
   event_config* cfg = event_config_new();
   TOLAN_ASSERT(cfg != nullptr, "Failed to create event_base");
   event_config_require_features(cfg, EV_FEATURE_ET);
-  event_config_set_flag(cfg, EVENT_BASE_FLAG_PRECISE_TIMER);
-  event_config_set_flag(cfg, EVENT_BASE_FLAG_NO_CACHE_TIME);
+  // The timer controls depend on the base's clock: libevent's environment
+  // variables (EVENT_PRECISE_TIMER, EVENT_NOEPOLL...) must not change it.
+  event_config_set_flag(cfg, EVENT_BASE_FLAG_NO_CACHE_TIME | EVENT_BASE_FLAG_IGNORE_ENV);
+  creatingBase = true;
   event_base* base = event_base_new_with_config(cfg);
+  creatingBase = false;
   event_config_free(cfg);
   TOLAN_ASSERT(base != nullptr, "Failed to create event_base");
   const int rc = event_base_priority_init(base, 2);
@@ -116,7 +164,13 @@ event_base* leCreateBase() {
 void leRegisterBase(event_base* b) {
   TOLAN_ASSERT(tlsEventBase == nullptr || tlsEventBase == b,
                "Tried to register a base:{} but a thread_local  base already exists: {}", vp(b), vp(tlsEventBase));
-  tlsEventBase = b;
+  if (tlsEventBase == nullptr) {
+    // Should the share not be made, its constructor frees `b`.
+    auto share = std::make_unique<Impl::BaseShare>(b, &event_base_free);
+    TOLAN_PROCESS_ASSERT(pthread_setspecific(threadExitKey(), share.get()) == 0, "pthread_setspecific() == 0");
+    tlsShare = share.release();
+    tlsEventBase = b;
+  }
   setMainThread();
 }
 
@@ -139,9 +193,11 @@ void leForkReinit() {
 }
 
 void leFree() {
-  if (!tlsEventBase) return;
-  event_base_free(tlsEventBase);
+  Impl::BaseShare* share = std::exchange(tlsShare, nullptr);
   tlsEventBase = nullptr;
+  if (!share) return;
+  pthread_setspecific(threadExitKey(), nullptr);
+  delete share;  // frees the base unless a control still holds it
 }
 
 bool leInitialized() noexcept { return tlsEventBase != nullptr; }
@@ -159,6 +215,11 @@ void eventPrioritySet(event* ev, EventPriority p) {
 // ---- running the loop ----
 
 namespace Impl {
+
+BaseShare threadBaseShare() {
+  leInit();
+  return *tlsShare;
+}
 
 Platform::DebugHandler& leDebugHandle() noexcept {
   static NoDestructor<std::shared_ptr<Platform::DebugHandler>> owner(Platform::getDebugHandler("TolanLibevent"));
@@ -225,6 +286,10 @@ void le_debug_cb(int severity, const char* msg) {
   }
 }
 
-void le_fatal_cb(int err) { TOLAN_FAIL("libevent fatal error:{}", err); }
+// noexcept: the assertion's exception, if it is one, ends the process here.
+void le_fatal_cb(int err) noexcept {
+  if (creatingBase) TOLAN_FAIL("Failed to create event_base: libevent fatal error:{}", err);
+  TOLAN_FAIL("libevent fatal error:{}", err);
+}
 
 }  // namespace Tolan

@@ -5,12 +5,18 @@
 // event_pending() reports each pending timeout's expiry, and event_add() on
 // a pending event replaces its timeout.
 //
-// One clock: event_pending() reports expiries as libevent's monotonic clock
-// plus a wall-clock correction that libevent refreshes now and then when it
-// reads its clock. "Now" is therefore never taken from gettimeofday() here
-// but from a scratch event added with a zero timeout and read back through
-// event_pending(), and it is read before the expiries it is compared with,
-// so that a refresh triggered by that add cannot fall between them.
+// Two clocks, one frame: event_pending() reports expiries as libevent's
+// monotonic clock plus a wall-clock correction that libevent refreshes now
+// and then, so "now" is never taken from gettimeofday() here. The base's own
+// now comes from a scratch event added with a zero timeout and read back
+// through event_pending(), read before the expiries it is compared with, so
+// that a refresh triggered by that add cannot fall between them. But the base
+// runs on the coarse monotonic clock, which lags the precise one that
+// Tolan::time() reads by up to a kernel tick; what is due is decided on the
+// precise now (the base's plus that lag), and a pure timer that falls due
+// while the base's clock still says otherwise is made active by hand, in
+// order of expiry. Jumps thus land on the timers' exact times, and a timer
+// never waits for the coarse clock to catch up.
 #include "Tolan/FastForward.h"
 
 #include <event2/event.h>
@@ -52,8 +58,8 @@ double secs(const timeval& tv) { return static_cast<double>(tv.tv_sec) + static_
 
 void noop(evutil_socket_t, short, void*) {}
 
-// The base's current time in the clock event_pending() reports expiries in.
-timeval baseNow(event_base* base) {
+// The base's current time in the frame event_pending() reports expiries in.
+timeval scratchNow(event_base* base) {
   event scratch;
   event_assign(&scratch, base, -1, 0, &noop, nullptr);
   eventPrioritySet(&scratch, Platform::eventPriorityDefault);
@@ -65,6 +71,33 @@ timeval baseNow(event_base* base) {
   event_del(&scratch);
   event_debug_unassign(&scratch);
   return now;
+}
+
+// The base's now and the precise monotonic now, both in event_pending()'s
+// frame. The base's clock read around the scratch add pins down what the add
+// measured from; should it move meanwhile (a tick), the later reading is
+// used, which errs on the side of "not yet due".
+struct Now {
+  timeval base;
+  timeval precise;
+};
+
+Now frameNow(event_base* base) {
+  for (int attempt = 0;; ++attempt) {
+    timeval before, after;
+    event_gettime_monotonic(base, &before);
+    const timeval now = scratchNow(base);
+    event_gettime_monotonic(base, &after);
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    if (timercmp(&before, &after, !=) && attempt < 2) continue;
+    const timeval precise{ts.tv_sec, static_cast<suseconds_t>(ts.tv_nsec / 1000)};
+    timeval lag{0, 0};
+    if (timercmp(&precise, &after, >)) timersub(&precise, &after, &lag);
+    timeval result;
+    timeradd(&now, &lag, &result);
+    return {now, result};
+  }
 }
 
 struct PendingTimeout {
@@ -91,6 +124,10 @@ std::vector<PendingTimeout> pendingTimeouts(event_base* base) {
   return pending;
 }
 
+// A one-shot timeout without descriptor or signal: activating it by hand is
+// exactly what libevent does when it expires.
+bool pureTimer(const event* ev) { return (event_get_events(ev) & (EV_READ | EV_WRITE | EV_SIGNAL | EV_PERSIST)) == 0; }
+
 }  // namespace
 
 // ---- the two functions libevent lacks ----
@@ -105,36 +142,43 @@ int event_base_get_first_timeout(event_base* base, timeval* out) {
 }
 
 int event_base_timeout_subtract_offset(event_base* base, const timeval* delta) {
-  const timeval now = baseNow(base);
+  const Now now = frameNow(base);
   std::vector<PendingTimeout> pending = pendingTimeouts(base);
-  // Timeouts already due stay as they are: they fire on the next pass anyway,
-  // and some of them may be activated already, where a re-add would deliver
-  // them twice.
-  pending.erase(std::remove_if(pending.begin(), pending.end(),
-                               [&now](const PendingTimeout& p) { return !timercmp(&p.expiry, &now, >); }),
-                pending.end());
-  // event_add() takes a relative timeout and measures it from the clock at
-  // the moment of the add, which moves on while we re-add. Re-adding with
-  // (target - now) would leave every timeout late by the time spent so far,
-  // and that lateness would pile up step after step. So each add is read back,
-  // the lag it shows is taken off the next one, and an add that lands early
-  // (the lag overestimated) is repeated with the difference. Adding in expiry
-  // order keeps the order. What remains is lateness of about the time between
-  // two adds, usually below the microsecond resolution.
+  // In expiry order: what falls due is activated in that order, and adding
+  // the others in that order keeps theirs.
   std::sort(pending.begin(), pending.end(), [](const PendingTimeout& a, const PendingTimeout& b) {
     return timercmp(&a.expiry, &b.expiry, <);
   });
+  std::vector<event*> due;
+  int moved = 0;
+  // event_add() takes a relative timeout and measures it from the base's
+  // clock at the moment of the add, which moves on while we re-add (by a
+  // whole tick, now and then). Re-adding with (target - now) would leave
+  // every timeout late by the time spent so far, and that lateness would pile
+  // up step after step. So each add is read back, the clock it measured from
+  // is taken into account for the next one, and an add that missed its
+  // target is repeated with the difference.
   timeval lag{0, 0};
   for (const PendingTimeout& p : pending) {
-    timeval ahead;  // target - now: how far after now the moved timeout lies
-    timersub(&p.expiry, &now, &ahead);
+    timeval target;
+    timersub(&p.expiry, delta, &target);
+    if (pureTimer(p.ev) && !timercmp(&target, &now.precise, >)) {
+      due.push_back(p.ev);
+      continue;
+    }
+    // Other timeouts already due stay as they are: they fire on the next
+    // pass anyway, and some of them may be activated already, where a re-add
+    // would deliver them twice.
+    if (!timercmp(&p.expiry, &now.precise, >)) continue;
+    ++moved;
+    timeval ahead;  // target - now: how far after the base's now the moved timeout lies
+    timersub(&p.expiry, &now.base, &ahead);
     if (timercmp(&ahead, delta, >)) {
       timersub(&ahead, delta, &ahead);
     } else {
       ahead = timeval{0, 0};
     }
-    timeval target;
-    timeradd(&now, &ahead, &target);
+    timeradd(&now.base, &ahead, &target);
     timeval rel{0, 0};
     if (timercmp(&ahead, &lag, >)) timersub(&ahead, &lag, &rel);
     for (int attempt = 0;; ++attempt) {
@@ -144,14 +188,17 @@ int event_base_timeout_subtract_offset(event_base* base, const timeval* delta) {
       event_pending(p.ev, EV_TIMEOUT, &actual);
       timeval start;  // the clock this add measured from
       timersub(&actual, &rel, &start);
-      if (timercmp(&start, &now, >)) timersub(&start, &now, &lag);
-      if (!timercmp(&actual, &target, <) || attempt == 3) break;
-      timeval shortBy;
-      timersub(&target, &actual, &shortBy);
-      timeradd(&rel, &shortBy, &rel);
+      if (timercmp(&start, &now.base, >)) timersub(&start, &now.base, &lag);
+      if (timercmp(&actual, &target, ==) || attempt == 3) break;
+      rel = timeval{0, 0};
+      if (timercmp(&target, &start, >)) timersub(&target, &start, &rel);
     }
   }
-  return static_cast<int>(pending.size());
+  for (event* ev : due) {
+    event_del(ev);
+    event_active(ev, EV_TIMEOUT, 1);
+  }
+  return moved + static_cast<int>(due.size());
 }
 
 // ---- the switch ----
@@ -191,8 +238,9 @@ void applyFastForwardDelta(const timeval* delta) {
   TOLAN_ASSERT(delta->tv_sec >= 0 && delta->tv_usec >= 0 && delta->tv_usec <= 999999,
                "Invalid virtual time delta {}.{:06}", static_cast<long>(delta->tv_sec),
                static_cast<long>(delta->tv_usec));
-  if (delta->tv_sec == 0 && delta->tv_usec == 0) return;  // nothing moves
+  // Even a zero delta: what is due by the precise clock is activated.
   event_base_timeout_subtract_offset(leInit(), delta);
+  if (delta->tv_sec == 0 && delta->tv_usec == 0) return;
   virtualOffset.tv_sec += delta->tv_sec;
   virtualOffset.tv_usec += delta->tv_usec;
   if (virtualOffset.tv_usec > 999999) {
@@ -205,7 +253,7 @@ void applyFastForwardDelta(const timeval* delta) {
 bool fastForwardDelayToFirstTimer(timeval* out) {
   TOLAN_ASSERT(leFastForward(), "Called without fast forward enabled");
   event_base* base = leInit();
-  const timeval now = baseNow(base);
+  const timeval now = frameNow(base).precise;
   timeval first;
   if (event_base_get_first_timeout(base, &first) != 0) {
     TOLAN_TRACE(Impl::leDebug(), 9, "no timers");

@@ -33,7 +33,8 @@ TOLAN_EXPORT void leRegisterFastForwardChangeNotifier(void (*fn)());
 
 // The calling thread's virtual-time offset in seconds.
 TOLAN_EXPORT double leVirtualTimeOffset() noexcept;
-// Moves the thread's pending timeouts `delta` earlier and grows the offset by it.
+// Moves the thread's pending timeouts `delta` earlier and grows the offset by
+// it; timers due then are made active (so a zero delta only does that).
 TOLAN_EXPORT void applyFastForwardDelta(const timeval* delta);
 // How far to advance so that the first pending timer is due (its distance
 // plus 100 microseconds, or zero when it is due already); false when no
@@ -53,7 +54,9 @@ TOLAN_EXPORT void eventLoopFastForwardToFirstTimer(double maxTimeout);
 // event_pending() reports expiries) and returns 0; nonzero when none is pending.
 TOLAN_EXPORT int event_base_get_first_timeout(event_base* base, timeval* out);
 // Moves every pending, not yet due timeout of `base` `delta` earlier, keeping
-// their order; returns how many were moved.
+// their order. One-shot timers without a descriptor that are due afterwards by
+// the precise monotonic clock (the base's own clock is coarser) are made
+// active, in order of expiry. Returns how many were moved or activated.
 TOLAN_EXPORT int event_base_timeout_subtract_offset(event_base* base, const timeval* delta);
 
 }  // namespace Tolan

@@ -3,12 +3,32 @@
 // A handler's exception does not unwind through libevent: deliver() hands it
 // to the handler's exception operation and, unless that swallows it, parks it
 // for the loop entry point to rethrow (see EventBase.cpp).
+//
+// Timers and the base's coarse clock: libevent decides what is due on the
+// coarse monotonic clock, a kernel tick behind the precise one at worst. A
+// timer is therefore added so that libevent's expiry is its exact due time on
+// the precise clock (the coarse reading beside the precise one gives the
+// distance): when the coarse clock reaches it, the precise clock has too, so
+// a timer never fires before Tolan::time() says it is due, and timers keep
+// the order of their due times. The price is lateness in real time until the
+// coarse clock reaches the due time, up to one tick. The timer also keeps its
+// due time on Tolan::time()'s clock: remainingTimeout() measures against the
+// clock that decides the delivery, and a delivery that comes early all the
+// same (a base registered with other flags, a coarse reading that moved while
+// we added) arms again for the rest instead of notifying. Zero delays, every
+// deferred callback among them, are due at once and read no clock.
+//
+// Every control holds a share of the base its events are assigned to, so the
+// base outlives them whatever the thread does (EventBase.h).
 #include "Tolan/LibeventFactory.h"
 
 #include <event2/event.h>
 #include <event2/event_struct.h>
 #include <fcntl.h>
+#include <time.h>
 
+#include <cmath>
+#include <cstdint>
 #include <exception>
 #include <limits>
 #include <utility>
@@ -29,15 +49,6 @@ using Impl::parkException;
 using Impl::threadBase;
 
 const void* vp(const void* p) { return p; }
-
-// Impl::toTimeval for the hot paths, without a call through the PLT.
-inline timeval toTv(double seconds) {
-  if (TOLAN_UNLIKELY(!(seconds >= 0.0 && seconds <= Platform::kMaxTimeoutSeconds))) return Impl::toTimeval(seconds);
-  timeval tv;
-  tv.tv_sec = static_cast<time_t>(seconds);
-  tv.tv_usec = static_cast<suseconds_t>((seconds - static_cast<double>(tv.tv_sec)) * 1e6);
-  return tv;
-}
 
 // Runs a notification; an exception goes to the handler's exception
 // operation, and leaves the loop (parked) unless that swallows it.
@@ -63,14 +74,51 @@ inline void deliver(Notify&& notify, Handle&& handle, const char* handledMsg) no
 
 // ---- timer ----
 
+constexpr double kNever = std::numeric_limits<double>::infinity();
+constexpr double kAtOnce = -std::numeric_limits<double>::infinity();
+
+timespec monotonicNow() noexcept {
+  timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return ts;
+}
+
+double toSeconds(const timespec& ts) noexcept {
+  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
+}
+
+// Adds `ev` so that libevent's expiry is `from` + `delay` on the monotonic
+// clock, rounded up to its microsecond. libevent measures a relative timeout
+// from its own clock, the coarse monotonic one (the precise clock truncated to
+// the last kernel tick), so the timeout given is the distance from that
+// clock's reading. Should the reading change across the add (a tick), the add
+// may have measured from the later one and is made again.
+void addAtMonotonic(event* ev, const timespec& from, double delay) {
+  const int64_t due = (int64_t{from.tv_sec} * 1000000000 + from.tv_nsec + static_cast<int64_t>(std::ceil(delay * 1e9)) +
+                       999) / 1000;
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    timespec before, after;
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &before);
+    const int64_t rel = std::max<int64_t>(0, due - (int64_t{before.tv_sec} * 1000000 + before.tv_nsec / 1000));
+    const timeval tv{static_cast<time_t>(rel / 1000000), static_cast<suseconds_t>(rel % 1000000)};
+    const int rc = event_add(ev, &tv);
+    TOLAN_ASSERT(rc == 0, "Failed to add timer {} rc {}", vp(ev), rc);
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &after);
+    if (after.tv_nsec == before.tv_nsec && after.tv_sec == before.tv_sec) return;
+  }
+}
+
 class LibeventTimerControl : public Platform::TimerControl {
  public:
-  LibeventTimerControl(Platform::TimeoutHandler* h, EventPriority p) : handler_(h), priority_(p) {
-    TOLAN_ASSERT(Platform::isEventPriorityValid(p), "Invalid timer priority {}", p);
-    event_base* base = leInit();
-    // A placeholder, so that delete and pending queries are valid before arming.
-    event_assign(&ev_, base, -1, 0, nullptr, nullptr);
-    eventPrioritySet(&ev_, priority_);
+  LibeventTimerControl(Platform::TimeoutHandler* h, EventPriority p)
+      : handler_(h), priority_(p), base_(Impl::threadBaseShare()) {
+    event_assign(&ev_, base_.get(), -1, 0, &handleTimeout, this);
+    try {
+      eventPrioritySet(&ev_, priority_);
+    } catch (...) {
+      event_debug_unassign(&ev_);
+      throw;
+    }
   }
   ~LibeventTimerControl() override {
     delTimeout();
@@ -78,19 +126,22 @@ class LibeventTimerControl : public Platform::TimerControl {
   }
 
   void setTimeout(double seconds) override {
-    const timeval tv = toTv(seconds);
+    // Checked first: a refused timeout leaves an armed one as it was.
+    if (TOLAN_UNLIKELY(!(seconds >= 0.0 && seconds <= Platform::kMaxTimeoutSeconds)))
+      seconds = Impl::clampTimeout(seconds);
     disarm();
     TOLAN_TRACE(leDebug(), 9, "Timer {} set timeout {}", vp(this), seconds);
     event_base* base = threadBase();
-    // Re-assigning binds the event to the arming thread's base; when it is
-    // bound there already, assigning again would change nothing.
-    if (assignedBase_ != base) {
-      event_assign(&ev_, base, -1, 0, &handleTimeout, this);
-      eventPrioritySet(&ev_, priority_);
-      assignedBase_ = base;
+    if (TOLAN_UNLIKELY(base != base_.get())) rebind();
+    if (seconds == 0.0) {
+      due_ = kAtOnce;
+      static const timeval zero{0, 0};
+      add(zero);
+    } else {
+      const timespec now = monotonicNow();
+      due_ = toSeconds(now) + leVirtualTimeOffset() + seconds;
+      addAtMonotonic(&ev_, now, seconds);
     }
-    const int rc = event_add(&ev_, &tv);
-    TOLAN_ASSERT(rc == 0, "Failed to add timer {} timeout {} rc {}", vp(this), seconds, rc);
     armed_ = true;
   }
 
@@ -108,22 +159,16 @@ class LibeventTimerControl : public Platform::TimerControl {
   }
 
   double remainingTimeout() const override {
-    timeval expiry;
-    if (!armed_ || !event_pending(&ev_, EV_TIMEOUT, &expiry)) return std::numeric_limits<double>::infinity();
-    // event_pending reports the expiry converted to wall-clock time.
-    timeval now;
-    gettimeofday(&now, nullptr);
-    if (timercmp(&expiry, &now, <)) return 0.0;
-    timeval left;
-    timersub(&expiry, &now, &left);
-    return static_cast<double>(left.tv_sec) + static_cast<double>(left.tv_usec) / 1e6;
+    if (!armed_) return kNever;
+    const double left = due_ - Tolan::time();
+    return left > 0.0 ? left : 0.0;
   }
 
   bool armed() const noexcept { return armed_; }
-  Platform::TimeoutHandler* handler() const noexcept { return handler_; }
 
   static void handleTimeout(evutil_socket_t, short, void* arg) {
     auto* self = static_cast<LibeventTimerControl*>(arg);
+    if (self->due_ != kAtOnce && TOLAN_UNLIKELY(self->early())) return;
     self->armed_ = false;  // libevent has removed a one-shot event before calling us
     TOLAN_TRACE(leDebug(), 9, "Timer {} expired", vp(self));
     Platform::TimeoutHandler* h = self->handler_;  // self may be gone after timeout()
@@ -132,10 +177,35 @@ class LibeventTimerControl : public Platform::TimerControl {
   }
 
  private:
+  void add(const timeval& tv) {
+    const int rc = event_add(&ev_, &tv);
+    TOLAN_ASSERT(rc == 0, "Failed to add timer {} rc {}", vp(this), rc);
+  }
+
+  // Moves the (disarmed) event to the calling thread's base.
+  TOLAN_COLD void rebind() {
+    Impl::BaseShare share = Impl::threadBaseShare();
+    event_assign(&ev_, share.get(), -1, 0, &handleTimeout, this);
+    eventPrioritySet(&ev_, priority_);
+    base_ = std::move(share);  // may free the old base: nothing of ours is on it now
+  }
+
+  // libevent delivered before Tolan::time() reached the due time (its clock
+  // is coarser): arm again for the rest, measured exactly. True if so.
+  bool early() noexcept {
+    const timespec now = monotonicNow();
+    const double left = due_ - (toSeconds(now) + leVirtualTimeOffset());
+    if (left <= 0.0) return false;
+    TOLAN_TRACE(leDebug(), 9, "Timer {} delivered {} early, armed again", vp(this), left);
+    addAtMonotonic(&ev_, now, left);
+    return true;
+  }
+
   Platform::TimeoutHandler* handler_;
   EventPriority priority_;
   bool armed_ = false;
-  event_base* assignedBase_ = nullptr;  // base ev_ is assigned to with handleTimeout
+  double due_ = kNever;  // on Tolan::time()'s clock; kAtOnce for a zero delay
+  Impl::BaseShare base_;  // the base ev_ is assigned to
   event ev_;
 };
 
@@ -174,10 +244,9 @@ class LibeventCallbackControl : public Platform::CallbackControl,
 
 class LibeventFdControl : public Platform::FdControl {
  public:
-  explicit LibeventFdControl(Platform::FdEventHandler* h) : handler_(h) {
-    event_base* base = leInit();
-    event_assign(&readEv_, base, -1, 0, nullptr, nullptr);
-    event_assign(&writeEv_, base, -1, 0, nullptr, nullptr);
+  explicit LibeventFdControl(Platform::FdEventHandler* h) : handler_(h), base_(Impl::threadBaseShare()) {
+    event_assign(&readEv_, base_.get(), -1, 0, nullptr, nullptr);
+    event_assign(&writeEv_, base_.get(), -1, 0, nullptr, nullptr);
     eventPrioritySet(&readEv_, eventPriorityDefault);
     eventPrioritySet(&writeEv_, eventPriorityDefault);
   }
@@ -239,8 +308,10 @@ class LibeventFdControl : public Platform::FdControl {
 
  private:
   void arm(event& ev, short what, event_callback_fn cb) {
+    event_base* base = threadBase();
+    if (TOLAN_UNLIKELY(base != base_.get())) follow();
     event_del(&ev);
-    event_assign(&ev, threadBase(), fd_, what, cb, this);
+    event_assign(&ev, base, fd_, what, cb, this);
     eventPrioritySet(&ev, eventPriorityDefault);
     const int rc = event_add(&ev, nullptr);
     TOLAN_ASSERT(rc == 0, "Failed to add event on fd {} rc {}", fd_, rc);
@@ -248,13 +319,25 @@ class LibeventFdControl : public Platform::FdControl {
   // Deletes the event and leaves it reading as unbound (descriptor -1).
   void disarm(event& ev) {
     event_del(&ev);
-    event_assign(&ev, event_get_base(&ev), -1, 0, nullptr, nullptr);
+    event_assign(&ev, base_.get(), -1, 0, nullptr, nullptr);
+  }
+  // The control follows the thread that arms it: both events move to that
+  // thread's base, and an interest armed on the old one is armed again.
+  TOLAN_COLD void follow() {
+    const bool reading = event_pending(&readEv_, EV_READ, nullptr) != 0;
+    const bool writing = event_pending(&writeEv_, EV_WRITE, nullptr) != 0;
+    const Impl::BaseShare old = std::exchange(base_, Impl::threadBaseShare());
+    disarm(readEv_);
+    disarm(writeEv_);
+    if (reading) arm(readEv_, EV_READ | EV_PERSIST, &handleFdRead);
+    if (writing) arm(writeEv_, EV_WRITE, &handleFdWrite);
   }
 
   Platform::FdEventHandler* handler_;
   int fd_ = -1;
   bool reads_ = true;
   bool writes_ = false;
+  Impl::BaseShare base_;  // the base both events are assigned to
   event readEv_;
   event writeEv_;
 };

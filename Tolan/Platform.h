@@ -95,8 +95,14 @@ class TOLAN_EXPORT FdEventHandler {
 
 // ---- controls (obtained from the factories below) ----
 
-// A one-shot timeout. Cost: arming and disarming are a heap insert/remove in
-// the thread's event base; no system call beyond reading the clock.
+// A one-shot timeout. It never fires before Tolan::time() has reached the time
+// it is armed for. In real time it fires once the event loop's clock, the
+// kernel's coarse monotonic clock, has reached that time too: up to one
+// kernel tick late (4 ms at the usual 250 Hz). That is the price of a loop
+// pass without a timer system call; under fast-forward a timer fires at its
+// exact time. Timers of a thread fire in the order of their due times.
+// Cost: arming reads the clock (unless the delay is 0) and disarming is a
+// heap remove in the thread's event base; no system call.
 class TOLAN_EXPORT TimerControl {
  public:
   virtual ~TimerControl();
@@ -107,7 +113,8 @@ class TOLAN_EXPORT TimerControl {
   virtual void setTimeout(double seconds) = 0;
   // Disarms; harmless when nothing is armed.
   virtual void delTimeout() = 0;
-  // Seconds left; 0.0 when due but not yet delivered; +infinity when disarmed.
+  // Seconds left on Tolan::time()'s clock, the one that decides the delivery;
+  // 0.0 when due but not yet delivered; +infinity when disarmed.
   virtual double remainingTimeout() const = 0;
 };
 

@@ -7,10 +7,10 @@
 // made on that slow path.
 //
 // Teardown at thread exit: the thread-local holder is destroyed with the
-// thread's other thread_local objects; the event base is a plain pointer that
-// nothing frees then, so the root's callback control and wheel timer can still
-// leave it. A root whose last owner lets go on another thread skips its
-// thread checks while it is destroyed: it is going away either way.
+// thread's other thread_local objects; the root's callback control and wheel
+// timer keep the thread's event base until they go. A root whose last owner
+// lets go on another thread skips its thread checks while it is destroyed: it
+// is going away either way.
 #include "Tolan/TaskSchedulerRoot.h"
 
 #include <unistd.h>

@@ -43,11 +43,9 @@
 //
 // Threads: everything here runs on the owning thread, and is checked (see
 // sanityCheckCurrentRunningThread). At thread exit the thread's root is
-// released while the thread's event base still exists; the root's callback
-// and wheel timer leave the base then. A thread that frees its base with
-// leFree() must do so after that: declare a thread_local object whose
-// destructor calls leFree() before the thread's first schedulerRootTolan()
-// call (thread_local objects are destroyed in reverse order). Tasks keep
+// released; its callback control and wheel timer hold a share of the
+// thread's event base, which is freed with the last share, so nothing needs
+// ordering (leFree() may be called at any point, or not at all). Tasks keep
 // their root alive; destroy them on the root's thread.
 #pragma once
 

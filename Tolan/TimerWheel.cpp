@@ -23,10 +23,11 @@ constexpr int kStateBits = kNotLinkedBit | kInTimerWheelBit | kInSoonBit;
 
 constexpr int stateBit(TimerWheelState s) noexcept { return kNotLinkedBit << s; }
 
-// One channel for all wheels; created on first use and kept for the life of
-// the process, so that wheels released at exit can still trace.
+// One channel for all wheels, under the library's prefix so that the default
+// rule shows its warnings; created on first use and kept for the life of the
+// process, so that wheels released at exit can still trace.
 Platform::DebugHandler& wheelDebug() {
-  static NoDestructor<std::shared_ptr<Platform::DebugHandler>> handler(Platform::getDebugHandler("TimerWheel"));
+  static NoDestructor<std::shared_ptr<Platform::DebugHandler>> handler(Platform::getDebugHandler("TolanTimerWheel"));
   return **handler;
 }
 
@@ -247,8 +248,20 @@ void TimerWheel::unlinkExpiringSoon(TimerWheelEvent* ev) {
   if (it->second.empty()) timersExpiryingSoon_.erase(it);
 }
 
+void TimerWheel::drainExpired() {
+  while (struct timeout* link = timeouts_get(wheel_)) {
+    TimerWheelEvent* ev = TimerWheelEvent::timeoutLink2TimerWheelEvent(link);
+    ev->stateIs(notLinked);
+    linkExpiringSoon(ev);
+  }
+}
+
 void TimerWheel::setMasterTimer() {
   const double now = setCurrentTime();
+  // Whatever has reached its tick joins the soon-map first, so that the
+  // earliest timer of all is its first key: a short timer started while the
+  // map holds a later one must not wait for that one.
+  drainExpired();
   if (!timersExpiryingSoon_.empty()) {
     const double first = timersExpiryingSoon_.begin()->first;
     if (first <= now) {
@@ -262,10 +275,6 @@ void TimerWheel::setMasterTimer() {
       masterTimer_->setTimeout(first - now);
     }
     masterExpiry_ = first;
-  } else if (timeouts_expired(wheel_)) {
-    TOLAN_TRACE_C(wheelDebug(), 8, TimerWheel, "has expired timers, set master timer timeout 0");
-    masterTimer_->setTimeout(0);
-    masterExpiry_ = now;
   } else if (timeouts_pending(wheel_)) {
     const timeout_t ticks = timeouts_timeout(wheel_);
     const double t = static_cast<double>(ticks) / kTicksPerSecond;
@@ -281,13 +290,13 @@ void TimerWheel::setMasterTimer() {
 }
 
 void TimerWheel::timeout() {
+  // A notification may drop the last owner of this wheel (a one-shot wheel
+  // timer control that its handler lets go of); the wheel must outlive the
+  // loop below.
+  const std::shared_ptr<TimerWheel> keepAlive = weak_from_this().lock();
   TOLAN_TRACE_C(wheelDebug(), 8, TimerWheel, "master timer expired");
   const double now = setCurrentTime();
-  while (struct timeout* link = timeouts_get(wheel_)) {
-    TimerWheelEvent* ev = TimerWheelEvent::timeoutLink2TimerWheelEvent(link);
-    ev->stateIs(notLinked);
-    linkExpiringSoon(ev);
-  }
+  drainExpired();
   try {
     // The map is looked up afresh for every event: a notification may stop
     // or restart any timer, erasing entries or adding new ones.

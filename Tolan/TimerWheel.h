@@ -1,10 +1,15 @@
 // TimerWheel.h - many timers on one event-loop timer.
 //
 // A TimerWheel keeps any number of timers in a hierarchical timing wheel
-// (10 ms ticks) and arms a single "master" timer on the
-// thread's event loop for the earliest of them. Timers whose tick has come
-// move into a small map ordered by exact expiry, and the master timer is then
-// armed for that exact time: timers fire on time, not on a tick boundary.
+// (10 ms ticks) and arms a single "master" timer on the thread's event loop
+// for the earliest of them. Timers whose tick has come move into a small map
+// ordered by exact expiry, and the master timer is then armed for that exact
+// time: timers fire on time (as precisely as any Platform timer, see
+// TimerControl there), not on a tick boundary. The master timer is always
+// armed for the earliest timer held, even when that one was started after a
+// later one had reached the exact-time map (a shorter timer must not wait
+// for a longer one: the plain rule "arm for the map's first entry" would
+// keep it up to a tick late).
 //
 // Use it when a thread holds many timers (one per connection, per task):
 // starting and stopping a timer is a constant-time wheel operation with no
@@ -20,7 +25,9 @@
 // TimerWheelEvent instead (one allocation fewer).
 //
 // Threading: a wheel and its events belong to the thread whose event loop
-// runs the wheel's master timer; nothing is locked.
+// runs the wheel's master timer; nothing is locked. The master timer holds a
+// share of the thread's event base, so a wheel (a thread_local one, say) may
+// be destroyed after its thread let go of the base.
 #pragma once
 
 #include <fmt/core.h>
@@ -130,8 +137,9 @@ class TOLAN_EXPORT TimersAtTimeout {
 };
 
 // The wheel. Itself the TimeoutHandler of its master timer. Held by shared
-// pointer; wheel timer controls keep their wheel alive.
-class TOLAN_EXPORT TimerWheel : public Platform::TimeoutHandler {
+// pointer; wheel timer controls keep their wheel alive, and a wheel keeps
+// itself alive while it notifies, so a notification may drop the last owner.
+class TOLAN_EXPORT TimerWheel : public Platform::TimeoutHandler, public std::enable_shared_from_this<TimerWheel> {
  public:
   // Ticks per second of the underlying timing wheel.
   static constexpr unsigned kTicksPerSecond = 100;
@@ -141,7 +149,8 @@ class TOLAN_EXPORT TimerWheel : public Platform::TimeoutHandler {
   // getTimerWheelForTaskScheduler().
   explicit TimerWheel(Platform::EventPriority priority);
   // Timers still held are detached: they become not running and never fire
-  // (traced as a warning, level 1), so their owners may destroy them safely.
+  // (a warning at level 1 on "TolanTimerWheel", shown by default), so their
+  // owners may destroy them safely.
   ~TimerWheel() override;
   TimerWheel(const TimerWheel&) = delete;
   TimerWheel& operator=(const TimerWheel&) = delete;
@@ -158,7 +167,11 @@ class TOLAN_EXPORT TimerWheel : public Platform::TimeoutHandler {
   void timerStop(TimerWheelEvent* ev);
   // Marks `ev` not running and calls its timeout(). Used by timeout().
   void timerExpired(TimerWheelEvent* ev) const;
-  // Arms (or deletes) the master timer for the earliest timer held.
+  // Arms (or deletes) the master timer for the earliest timer held. Timers
+  // whose tick has come move into the soon-map first, so the master timer is
+  // always armed for the exact expiry of the earliest one (when the soon-map
+  // holds a later timer, a shorter one started meanwhile is not kept waiting
+  // for it).
   void setMasterTimer();
   // The master timer fired: fires every timer that is due, in order of exact
   // expiry and, for equal expiries, in order of arrival, then re-arms. A
@@ -178,6 +191,8 @@ class TOLAN_EXPORT TimerWheel : public Platform::TimeoutHandler {
  private:
   // Brings the timing wheel to the current tick; returns the time used.
   double setCurrentTime();
+  // Moves every link whose tick has come from the timing wheel to the soon-map.
+  void drainExpired();
   void linkExpiringSoon(TimerWheelEvent* ev);
   void unlinkExpiringSoon(TimerWheelEvent* ev);
 

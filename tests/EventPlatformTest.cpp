@@ -2,8 +2,12 @@
 // (ControlContractTest): descriptors, priorities, the loop, the thread's base.
 #include <event2/event.h>
 #include <fcntl.h>
+#include <sys/eventfd.h>
+#include <sys/resource.h>
 
 #include "Tolan/LibeventFactory.h"
+#include "Tolan/Thread.h"
+#include "Tolan/TimerWheel.h"
 #include "support/Support.h"
 
 using namespace Tolan;
@@ -17,7 +21,16 @@ struct Pipe {
   int fds[2] = {-1, -1};
 };
 
-TEST(FdControl, ReadInterestPersistsWriteInterestIsOneShotClearKeepsTheDescriptor) {
+// Open descriptors below 1024, counted without opening one.
+static int openFds() {
+  int n = 0;
+  for (int fd = 0; fd < 1024; ++fd) n += ::fcntl(fd, F_GETFD) != -1;
+  return n;
+}
+
+// Read interest persists, write interest is one-shot, clearEvents() keeps the
+// descriptor.
+TEST(FdControl, InterestsDescriptorAndHandlerExceptions) {
   Pipe p;
   Counting h, w;
   h.consume = false;
@@ -55,33 +68,31 @@ TEST(FdControl, ReadInterestPersistsWriteInterestIsOneShotClearKeepsTheDescripto
   c->setFd(p.fds[0]);
   doEventLoop(0.02);
   EXPECT_EQ(h.reads, 2);
-}
-
-TEST(FdControl, HandlerExceptionsLeaveTheLoopUnlessSwallowed) {
-  for (bool swallow : {false, true}) {
-    Pipe p;
-    Counting h;
-    h.throwIt = true;
+  // An exception leaves the loop unless swallowed; the handler learns the descriptor.
+  h.throwIt = true;
+  for (bool swallow : {true, false}) {
     h.swallow = swallow;
-    auto c = getFdControl(&h);
-    c->setFd(p.fds[0]);
     p.put();
-    if (swallow) {
-      EXPECT_NO_THROW(doEventLoop(0.02));
-    } else {
-      EXPECT_THROW(doEventLoop(1.0), std::runtime_error);
+    try {
+      doEventLoop(swallow ? 0.02 : 1.0);
+      EXPECT_TRUE(swallow);
+    } catch (const std::runtime_error&) {
+      EXPECT_FALSE(swallow);
     }
-    EXPECT_EQ(h.reads, 1);
     EXPECT_EQ(h.exceptionFd, p.fds[0]);
-    c->delFd();
-    EXPECT_EQ(doEventLoop(), 1) << "a loop break event was left behind";
   }
+  EXPECT_EQ(h.reads, 4);
+  c->delFd();
+  EXPECT_EQ(doEventLoop(), 1) << "a loop break event was left behind";
 }
 
-TEST(FdControlDeathTest, ADescriptorThatIsNotOpenAborts) {
+// Failures that end the process: libevent's fatal error must not unwind
+// through libevent, even under throwing assertions.
+TEST(EventPlatformDeathTest, ProcessEndingFailures) {
   Counting h;
   auto c = getFdControl(&h);
   EXPECT_ABORTS(c->setFd(987654), "flags >= 0");
+  EXPECT_DEATH(le_fatal_cb(42), "libevent fatal error:42");
 }
 
 // The strict-high timer is armed last yet runs first; its exception ends the
@@ -104,38 +115,29 @@ TEST(EventPriority, HigherRunsFirstAndPrintsByName) {
   }
 }
 
-TEST(EventLoop, BoundedRunsWaitTheirTimeAndFailuresAreAssertions) {
+// libevent's log severities land on their trace levels; the failures are
+// assertions with their texts.
+TEST(EventLoop, BoundedRunsWaitTheirTimeLibeventLogsAndFailures) {
   EXPECT_GE(realSeconds([] { eventLoopTimeout(0.05); }), 0.045);
   doEventLoop(-1.0);  // acts as 0
   EXPECT_EQ(doEventLoop(), 1);
   EXPECT_FALSE(releaseMode());
-  EXPECT_THAT(traceOf([] { le_debug_cb(EVENT_LOG_WARN, "a warning"); }), HasSubstr(" TolanLibevent 1 a warning\n"));
+  setupTolanDebug("TolanLibevent/59");
+  for (auto [severity, level] : {std::pair{EVENT_LOG_DEBUG, 9}, {EVENT_LOG_MSG, 5}, {EVENT_LOG_WARN, 1}, {EVENT_LOG_ERR, 0}})
+    EXPECT_THAT(traceOf([s = severity] { le_debug_cb(s, "news"); }), HasSubstr(fmt::format(" TolanLibevent {} news\n", level)));
+  clearTolanDebug("TolanLibevent/59");
+  Counting h;
   const std::pair<std::function<void()>, const char*> rows[] = {
       {[] { le_debug_cb(7, "odd"); }, "invalid libevent severity:7 msg:odd"},
-      {[] { le_fatal_cb(42); }, "libevent fatal error:42"},
+      {[&] { getTimerControl(&h, EventPriority(2)); }, "Failed to set priority on 0x"},
+      {[&] { getTimerControl(&h, EventPriority(255)); }, " to Invalid EventPriority=255 rc -1"},
       {[] { doEventLoop(std::nan("")); }, "Invalid timeout nan"},
       {[] { refCountingEnabledIs(true); }, "not available in libTolan.so"},
       {[] { refCountingEnabled(); }, "not available in libTolan.so"}};
   for (const auto& [call, text] : rows) EXPECT_ASSERTS(call(), text);
 }
 
-TEST(EventBase, OnePerThreadRegisteredOnceAndFreedAndReinitialisedInAForkedChild) {
-  std::thread([] {
-    EXPECT_FALSE(leInitialized());
-    Counting h;
-    auto a = getTimerControl(&h);
-    event_base* base = leInit();
-    EXPECT_EQ(leInit(), base);
-    EXPECT_FALSE(leMainThread());
-    leRegisterBase(base);  // the same base again is fine
-    event_base* other = leCreateBase();
-    EXPECT_ASSERTS(leRegisterBase(other), "but a thread_local  base already exists: ");
-    event_base_free(other);
-    a.reset();
-    leFree();
-    EXPECT_FALSE(leInitialized());
-    leFree();
-  }).join();
+TEST(EventBase, ReinitialisedInAForkedChild) {
   Counting parent, h;
   auto t = getTimerControl(&parent);
   t->setTimeout(30.0);
@@ -152,6 +154,86 @@ TEST(EventBase, OnePerThreadRegisteredOnceAndFreedAndReinitialisedInAForkedChild
             }),
             0);
   EXPECT_GT(t->remainingTimeout(), 25.0) << "the parent's timer is untouched";
+}
+
+// One base per thread, registered once. However a thread ends, its base goes
+// with the last of its users (the thread itself, controls, a thread's wheel),
+// and every descriptor with it.
+TEST(EventBase, GoesWithItsLastUserWhateverTheThreadDoes) {
+  Counting h;
+  const auto mainWheel = getTimerWheel();
+  EXPECT_ASSERTS(leRegisterBase(nullptr), "");  // the unwinder takes its pipe before we count
+  const int before = openFds();
+  std::shared_ptr<TimerControl> kept;
+  std::thread([&] {
+    EXPECT_FALSE(leInitialized());
+    event_base* base = leInit();
+    EXPECT_EQ(leInit(), base);
+    EXPECT_FALSE(leMainThread());
+    leRegisterBase(base);  // the same base again is fine
+    event_base* other = leCreateBase();
+    EXPECT_ASSERTS(leRegisterBase(other), "but a thread_local  base already exists: ");
+    event_base_free(other);
+    auto t = getTimerControl(&h);
+    t->setTimeout(60.0);
+    leFree();  // t keeps the old base; arming again moves it to a new one
+    leFree();  // without a base: nothing
+    EXPECT_FALSE(leInitialized());
+    t->setTimeout(0.0);
+    doEventLoop(1.0);
+    EXPECT_EQ(h.fired, 1);
+    kept = getTimerControl(&h);  // outlives the thread, and with it the thread's base
+    kept->setTimeout(60.0);
+  }).join();
+  EXPECT_GT(openFds(), before);
+  kept.reset();
+  EXPECT_EQ(openFds(), before);
+  std::weak_ptr<TimerWheel> wheel;
+  std::thread([&] {
+    useThreadLocalSingletons();
+    auto w = getTimerWheel();
+    EXPECT_EQ(w, getTimerWheel());
+    EXPECT_NE(w, mainWheel);
+    wheel = w;
+    getTimerControl(&h, w)->setTimeout(60.0);  // stopped at once; the master timer stays armed
+    const int open = openFds();
+    leFree();  // before the thread's wheel goes at thread exit
+    EXPECT_EQ(openFds(), open) << "freed under the wheel";
+  }).join();
+  EXPECT_TRUE(wheel.expired());
+  EXPECT_EQ(openFds(), before);
+}
+
+// Out of descriptors, making a base fails with its own message, returns what
+// it took, and the thread can try again later.
+TEST(EventBase, CreationWithoutDescriptorsFailsCleanly) {
+  EXPECT_EQ(exitStatusInChild([] {
+              // Plain checks: the child reports by its exit status.
+              const auto asserts = [](auto call, const char* text) {
+                try {
+                  call();
+                } catch (const AssertException& e) {
+                  return std::strstr(e.what(), text) != nullptr;
+                }
+                return false;
+              };
+              Counting h;  // a first assertion lets the unwinder take its pipe now
+              if (!asserts([&] { getTimerControl(&h, EventPriority(2)); }, "Failed to set priority")) return 2;
+              leFree();
+              const rlimit limit{64, 64};
+              std::vector<int> filler;
+              for (int fd; setrlimit(RLIMIT_NOFILE, &limit) == 0 && (fd = eventfd(0, 0)) >= 0;) filler.push_back(fd);
+              for (size_t spare = 0; spare < 4; ++spare) {
+                for (size_t i = 0; i < spare; ++i) ::close(filler[i]);
+                const int open = openFds();
+                if (!asserts([] { leInit(); }, "Failed to create event_base")) return 3;
+                if (openFds() != open || leInitialized()) return 4;
+                for (size_t i = 0; i < spare; ++i) filler[i] = eventfd(0, 0);
+              }
+              for (int fd : filler) ::close(fd);
+              return leInit() ? 0 : 5;
+            }),
+            0);
 }
 
 TEST(ValuePrinter, RegisteredPrinterElseHexDump) {

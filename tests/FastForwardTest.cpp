@@ -1,5 +1,6 @@
-// Virtual time: the loop skips waits while Tolan::time() moves on. (Timers
-// and callbacks under fast-forward: ControlContractTest.)
+// Virtual time beyond the control contract (ControlContractTest runs every
+// timer and callback under fast-forward): stepping by hand, the unbounded
+// loop, the switch.
 //
 // Waits here are hours long: should the loop ever wait in real time, the test
 // hangs until the test driver's time limit ends it.
@@ -15,76 +16,50 @@ class FastForward : public Test {
  protected:
   void SetUp() override { setFastForward(true); }
   void TearDown() override { setFastForward(false); }
+  static double delay() {
+    timeval d{-1, -1};
+    return fastForwardDelayToFirstTimer(&d) ? static_cast<double>(d.tv_sec) + d.tv_usec / 1e6 : kInf;
+  }
 };
 
-TEST_F(FastForward, LoopsSkipTheWaitsAndBoundedOnesEndExactlyOnTime) {
+// The delay to the first timer, and each way of advancing: to the first timer
+// but no further than a maximum, by a given amount, or unbounded.
+TEST_F(FastForward, AdvancingMovesClockAndTimersTogether) {
   Counting h;
   auto t = getTimerControl(&h);
-  double start = Tolan::time();
-  t->setTimeout(10 * kHour);
-  const double took = realSeconds([] { doEventLoop(60 * kHour); });
+  const double before = leVirtualTimeOffset();
+  EXPECT_EQ(delay(), kInf) << "no timers";
+  eventLoopFastForwardToFirstTimer(5.0);  // no timers: all of it
+  EXPECT_DOUBLE_EQ(leVirtualTimeOffset() - before, 5.0);
+  t->setTimeout(0.0);
+  std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  EXPECT_EQ(delay(), 0.0) << "a due timer needs no advance";
+  doEventLoopInWaitfor(kHour);
   EXPECT_EQ(h.fired, 1);
-  EXPECT_GE(Tolan::time() - start, 60 * kHour);
-  EXPECT_LT(Tolan::time() - start, 60 * kHour + took + 1e-3);
-  // Unbounded: the wait for the first timer is skipped too.
-  start = Tolan::time();
+  EXPECT_DOUBLE_EQ(leVirtualTimeOffset() - before, 5.0);
+  t->setTimeout(7.25);
+  EXPECT_LE(delay(), 7.25 + 101e-6);  // just past it; the expiry is rounded up to the microsecond
+  EXPECT_GT(delay(), 7.0);
+  t->setTimeout(100.0);
+  eventLoopFastForwardToFirstTimer(2.5);  // the timer is further: only the maximum
+  EXPECT_DOUBLE_EQ(leVirtualTimeOffset() - before, 7.5);
+  EXPECT_NEAR(t->remainingTimeout(), 97.25, 0.25);
+  const double clock = Tolan::time();
+  fastForwardBy(12.5);
+  EXPECT_NEAR(Tolan::time() - clock, 12.55, 0.05);
+  EXPECT_NEAR(t->remainingTimeout(), 84.75, 0.25);
+  EXPECT_EQ(h.fired, 1);
+  EXPECT_ASSERTS(fastForwardBy(-1.0), "Invalid fast-forward amount -1");
+  EXPECT_ASSERTS(fastForwardBy(std::nan("")), "Invalid fast-forward amount nan");
+  const double start = Tolan::time();
   t->setTimeout(kHour);
-  EXPECT_EQ(doEventLoop(), 1);
+  EXPECT_EQ(doEventLoop(), 1) << "unbounded: the wait for the first timer is skipped too";
   ASSERT_EQ(h.at.size(), 2u);
   EXPECT_GE(h.at[1] - start, kHour - 2e-6);
 }
 
-TEST_F(FastForward, DelayToTheFirstTimer) {
-  timeval d{-1, -1};
-  EXPECT_FALSE(fastForwardDelayToFirstTimer(&d)) << "no timers";
-  EXPECT_EQ(d.tv_sec, -1);
-  Counting h;
-  auto t = getTimerControl(&h);
-  t->setTimeout(0.0);
-  std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  const double offset = leVirtualTimeOffset();
-  ASSERT_TRUE(fastForwardDelayToFirstTimer(&d));
-  EXPECT_EQ(d.tv_sec, 0);
-  EXPECT_EQ(d.tv_usec, 0);
-  doEventLoopInWaitfor(kHour);
-  EXPECT_EQ(h.fired, 1);
-  EXPECT_EQ(leVirtualTimeOffset(), offset) << "a due timer needs no advance";
-  t->setTimeout(7.25);
-  ASSERT_TRUE(fastForwardDelayToFirstTimer(&d));
-  const double delay = static_cast<double>(d.tv_sec) + d.tv_usec / 1e6;
-  EXPECT_LE(delay, 7.25 + 100e-6);
-  EXPECT_GE(delay, 7.25 - 0.01 + 100e-6);
-}
-
-TEST_F(FastForward, AdvancingByHandMovesClockAndTimersTogether) {
-  Counting h;
-  auto t = getTimerControl(&h);
-  const double before = leVirtualTimeOffset();
-  eventLoopFastForwardToFirstTimer(5.0);  // no timers: all of it
-  EXPECT_DOUBLE_EQ(leVirtualTimeOffset() - before, 5.0);
-  t->setTimeout(100.0);
-  eventLoopFastForwardToFirstTimer(2.5);  // the timer is further: only the maximum
-  EXPECT_DOUBLE_EQ(leVirtualTimeOffset() - before, 7.5);
-  EXPECT_LE(t->remainingTimeout(), 97.5);
-  EXPECT_GT(t->remainingTimeout(), 97.0);
-  const double clock = Tolan::time();
-  fastForwardBy(12.5);
-  const double after = Tolan::time();
-  EXPECT_GE(after - clock, 12.5);
-  EXPECT_LT(after - clock, 12.6);
-  EXPECT_LE(t->remainingTimeout(), 85.0);
-  EXPECT_GT(t->remainingTimeout(), 84.5);
-  EXPECT_EQ(h.fired, 0);
-  EXPECT_ASSERTS(fastForwardBy(-1.0), "");
-  EXPECT_ASSERTS(fastForwardBy(std::nan("")), "");
-  EXPECT_GE(Tolan::time(), after);
-}
-
 TEST_F(FastForward, SwitchedOnlyOnTheMainThreadNotifiersOncePerChange) {
-  std::thread([] {
-    EXPECT_ASSERTS(setFastForward(false), "FastForward invoked from non-main thread");
-    leFree();
-  }).join();
+  std::thread([] { EXPECT_ASSERTS(setFastForward(false), "FastForward invoked from non-main thread"); }).join();
   EXPECT_TRUE(fastForward()) << "a refused switch changes nothing";
   static int calls;
   calls = 0;

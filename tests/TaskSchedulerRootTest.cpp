@@ -60,11 +60,6 @@ TEST(TaskSchedulerThreads, EachThreadHasItsOwnRootReleasedAtThreadExit) {
   std::vector<std::thread> threads;
   for (Seen& s : seen) {
     threads.emplace_back([&s] {
-      // Destroyed after the root (made later): the base outlives it.
-      thread_local struct FreeBase {
-        ~FreeBase() { leFree(); }
-      } freeBase;
-      (void)freeBase;
       auto root = schedulerRootTolan();
       s.root = root;
       s.name = root->schedulerName();

@@ -1,12 +1,14 @@
 // Impl/EventLoop.h - what the libevent backend (LibeventFactory.cpp) and
 // virtual time (FastForward.cpp) share below them: the thread's base as the
-// hot paths read it, the "TolanLibevent" trace handle, timeout conversion, and
-// running the loop so that a handler's exception reaches the caller.
+// hot paths read it and as its users share it, the "TolanLibevent" trace
+// handle, timeout conversion, and running the loop so that a handler's
+// exception reaches the caller.
 #pragma once
 
 #include <sys/time.h>
 
 #include <exception>
+#include <memory>
 
 #include "Tolan/Common.h"
 #include "Tolan/EventBase.h"
@@ -30,6 +32,12 @@ inline event_base* threadBase() {
   event_base* b = tlsEventBase;
   return TOLAN_LIKELY(b != nullptr) ? b : leInit();
 }
+
+// A share of a base (see EventBase.h): the base is freed with the last share.
+using BaseShare = std::shared_ptr<event_base>;
+// A share of the calling thread's base, created on first use. For controls:
+// they hold it for as long as their events are assigned to that base.
+BaseShare threadBaseShare();
 
 // The trace handle "TolanLibevent", created on first call and never destroyed
 // (controls may trace from other static destructors).
