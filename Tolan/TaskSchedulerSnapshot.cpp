@@ -39,12 +39,20 @@ void writeString(JsonWriter& w, const std::string& s) {
   w.String(s.data(), static_cast<rapidjson::SizeType>(s.size()));
 }
 
+// A literal key with its length known at compile time: the writer's
+// Key(const char*) is not inlined here and would count the characters.
+template <size_t N>
+void literalKey(JsonWriter& w, const char (&literal)[N]) {
+  w.Key(literal, N - 1);
+}
+
 void writeKey(JsonWriter& w, const std::string& s) {
   w.Key(s.data(), static_cast<rapidjson::SizeType>(s.size()));
 }
 
-void writeKeyString(JsonWriter& w, const char* key, const std::string& value) {
-  w.Key(key);
+template <size_t N>
+void writeKeyString(JsonWriter& w, const char (&literal)[N], const std::string& value) {
+  literalKey(w, literal);
   writeString(w, value);
 }
 
@@ -54,60 +62,62 @@ void renderTask(JsonWriter& w, const TaskStat& stat, bool completed) {
   const TaskStat::TaskStatus status = stat.taskStatus();
   w.StartObject();
   writeKeyString(w, "name", stat.taskName());
-  char address[16];
-  const auto end = fmt::format_to(address, "@{}", stat.taskKey().value());
-  w.Key("address");
-  w.String(address, static_cast<rapidjson::SizeType>(end - address));
-  w.Key("priority");
+  // TaskKey::toStrep() without its allocation and format parsing.
+  const fmt::format_int number(stat.taskKey().value());
+  char address[16] = {'@'};
+  std::copy(number.data(), number.data() + number.size(), address + 1);
+  literalKey(w, "address");
+  w.String(address, static_cast<rapidjson::SizeType>(number.size() + 1));
+  literalKey(w, "priority");
   w.String(stat.taskPriority().toStrep());
   if (status.taskIsTaskGroup()) writeKeyString(w, "subScheduler", TaskSchedulerSnapshot::subSchedulerKey(stat));
-  w.Key("onRunQueue");
+  literalKey(w, "onRunQueue");
   w.Bool(status.taskOnRunQueue());
-  w.Key("currentlyRunning");
+  literalKey(w, "currentlyRunning");
   w.Bool(status.taskCurrentlyRunning());
-  w.Key("suspended");
+  literalKey(w, "suspended");
   w.Bool(status.taskSuspended());
-  w.Key("hasTimer");
+  literalKey(w, "hasTimer");
   w.Bool(status.taskTimer());
-  w.Key("timerRunning");
+  literalKey(w, "timerRunning");
   w.Bool(status.taskTimerRunning());
-  w.Key("runCount");
+  literalKey(w, "runCount");
   w.Uint(stat.taskRunCount());
-  w.Key("totalRunTime");
+  literalKey(w, "totalRunTime");
   w.Double(seconds(stat.taskTotalRunTime()));
-  w.Key("lastSchedulingLatency");
+  literalKey(w, "lastSchedulingLatency");
   w.Double(seconds(stat.taskLastSchedulingLatency()));
-  w.Key("schedulingLatencyHighWaterMark");
+  literalKey(w, "schedulingLatencyHighWaterMark");
   w.Double(seconds(stat.taskSchedulingLatencyHighWaterMark()));
-  w.Key("qv200");
+  literalKey(w, "qv200");
   w.Uint(stat.taskQuantumViolation200());
-  w.Key("qv500");
+  literalKey(w, "qv500");
   w.Uint(stat.taskQuantumViolation500());
   // Whole milliseconds, the fraction dropped (a negative mark cannot occur).
-  w.Key("maxMs");
+  literalKey(w, "maxMs");
   w.Uint(static_cast<unsigned>(std::max<int64_t>(0, stat.taskRunTimeHighWaterMark().count()) / 1000000));
   if (completed) {
-    w.Key("completedCount");
+    literalKey(w, "completedCount");
     w.Uint(stat.taskCompletedCount());
   }
   if (stat.taskWorkCountHighWater().hasValue()) {
-    w.Key("workCount");
+    literalKey(w, "workCount");
     w.StartObject();
     // The format carries the counter modulo 2^32, on purpose.
-    w.Key("total");
+    literalKey(w, "total");
     w.Uint(static_cast<uint32_t>(stat.taskWorkCountTotal()));
-    w.Key("decayingAvg");
+    literalKey(w, "decayingAvg");
     w.Double(stat.taskWorkCountDecayingAverage());
-    w.Key("highwater");
+    literalKey(w, "highwater");
     w.Uint(stat.taskWorkCountHighWater().raw());
     w.EndObject();
   }
   if (stat.taskWorkPendingHighWater().hasValue()) {
-    w.Key("workPending");
+    literalKey(w, "workPending");
     w.StartObject();
-    w.Key("pending");
+    literalKey(w, "pending");
     w.Uint(stat.taskWorkPending());
-    w.Key("highwater");
+    literalKey(w, "highwater");
     w.Uint(stat.taskWorkPendingHighWater().raw());
     w.EndObject();
   }
@@ -130,17 +140,17 @@ std::shared_ptr<const TaskSchedulerSnapshot::History> TaskSchedulerSnapshot::His
 
 void TaskSchedulerSnapshot::History::renderJson(TaskSchedulerPrintContext& context) const {
   JsonWriter& w = context.writer();
-  w.Key("history");
+  literalKey(w, "history");
   w.StartObject();
-  w.Key("historyEntryCount");
+  literalKey(w, "historyEntryCount");
   w.Uint(historyEntryCount);
-  w.Key("history");
+  literalKey(w, "history");
   w.StartArray();
   for (const Event& event : events) {
     w.StartObject();
-    w.Key("nsSinceBoot");
+    literalKey(w, "nsSinceBoot");
     w.Uint64(static_cast<uint64_t>(event.nsSinceBoot));
-    w.Key("eventType");
+    literalKey(w, "eventType");
     w.String(TaskSchedulerHistory::Event{event.eventType, {}, {}}.eventTypeDisplay());
     if (!event.eventId.empty()) writeKeyString(w, "eventId", event.eventId);
     w.EndObject();
@@ -206,33 +216,33 @@ void TaskSchedulerSnapshot::renderJsonImpl(TaskSchedulerPrintContext& context) c
   w.StartObject();
   writeKeyString(w, "schedulerName", c.schedulerName);
   if (c.displayOrder.hasValue()) {
-    w.Key("displayOrder");
+    literalKey(w, "displayOrder");
     w.Uint(c.displayOrder.raw());
   }
-  w.Key("isRootScheduler");
+  literalKey(w, "isRootScheduler");
   w.Bool(c.isRootScheduler);
-  w.Key("priorityStats");
+  literalKey(w, "priorityStats");
   w.StartObject();
   for (const auto& entry : c.queueStats) {
     const TaskSchedulerPriorityStats& p = entry.second;
     w.Key(entry.first.toStrep());
     w.StartObject();
-    w.Key("runnableTasks");
+    literalKey(w, "runnableTasks");
     w.Uint(p.runnableTasks);
-    w.Key("idleTasks");
+    literalKey(w, "idleTasks");
     w.Uint(p.idleTasks);
-    w.Key("completedTasks");
+    literalKey(w, "completedTasks");
     w.Uint(p.completedTasks);
-    w.Key("totalRunCount");
+    literalKey(w, "totalRunCount");
     w.Uint64(p.totalRunCount);
     w.EndObject();
   }
   w.EndObject();
-  w.Key("maxSchedulerSlip");
+  literalKey(w, "maxSchedulerSlip");
   w.Double(seconds(c.maxSchedulerSlip));
   renderJsonTasks(context, c.tasks, "tasks", c.skipped, false);
   if (!c.completedTasks.empty()) renderJsonTasks(context, c.completedTasks, "completedTasks", c.completedSkipped, true);
-  w.Key("subSchedulers");
+  literalKey(w, "subSchedulers");
   w.StartObject();
   for (const SubScheduler& sub : c.subSchedulers) {
     writeKey(w, sub.key);
@@ -252,11 +262,11 @@ void TaskSchedulerSnapshot::renderJsonTasks(TaskSchedulerPrintContext& context, 
   JsonWriter& w = context.writer();
   writeKey(w, label);
   w.StartObject();
-  w.Key("tasks");
+  literalKey(w, "tasks");
   w.StartArray();
   for (const TaskStat* stat : order) renderTask(w, *stat, completed);
   w.EndArray();
-  w.Key("skipped");
+  literalKey(w, "skipped");
   w.Uint(skipped);
   w.EndObject();
 }

@@ -2,9 +2,11 @@
 // Internal: public headers do not pull RapidJSON in.
 #pragma once
 
+#include <rapidjson/stream.h>
 #include <rapidjson/writer.h>
 
 #include <cstddef>
+#include <memory>
 #include <ostream>
 
 namespace Tolan {
@@ -15,29 +17,63 @@ namespace Impl {
 // BasicOStreamWrapper calls ostream::put() once per character, which costs
 // a sentry and a buffer check each and made rendering several times slower
 // than the writer itself.
+//
+// The writer announces how many characters a value may take (PutReserve)
+// and then puts them unchecked (PutUnsafe), as it does for its own
+// StringBuffer: one room check per value, not per character. A value longer
+// than the block (a very long name) grows the block.
 class BlockOStream {
  public:
   using Ch = char;
-  explicit BlockOStream(std::ostream& out) noexcept : out_(out) {}
+  explicit BlockOStream(std::ostream& out) : out_(out) { growTo(4096); }
   BlockOStream(const BlockOStream&) = delete;
   BlockOStream& operator=(const BlockOStream&) = delete;
 
   void Put(char c) {
-    if (next_ == kSize) Flush();
-    buffer_[next_++] = c;
+    if (next_ == end_) Flush();
+    *next_++ = c;
   }
+  void reserve(size_t n) {
+    if (static_cast<size_t>(end_ - next_) >= n) return;
+    Flush();
+    if (static_cast<size_t>(end_ - next_) < n) growTo(n);
+  }
+  void putUnchecked(char c) { *next_++ = c; }
   // Hands the block to the ostream; does not flush the ostream itself.
   void Flush() {
-    if (next_ != 0) out_.write(buffer_, static_cast<std::streamsize>(next_));
-    next_ = 0;
+    if (next_ != block_.get()) out_.write(block_.get(), next_ - block_.get());
+    next_ = block_.get();
   }
 
  private:
-  static constexpr size_t kSize = 4096;
+  void growTo(size_t size) {
+    block_.reset(new char[size]);
+    next_ = block_.get();
+    end_ = next_ + size;
+  }
+
   std::ostream& out_;
-  size_t next_ = 0;
-  char buffer_[kSize];
+  std::unique_ptr<char[]> block_;
+  char* next_;
+  char* end_;
 };
+
+}  // namespace Impl
+}  // namespace Tolan
+
+namespace rapidjson {
+template <>
+inline void PutReserve(Tolan::Impl::BlockOStream& stream, size_t count) {
+  stream.reserve(count);
+}
+template <>
+inline void PutUnsafe(Tolan::Impl::BlockOStream& stream, char c) {
+  stream.putUnchecked(c);
+}
+}  // namespace rapidjson
+
+namespace Tolan {
+namespace Impl {
 
 class JsonWriter : public rapidjson::Writer<BlockOStream> {
  public:
