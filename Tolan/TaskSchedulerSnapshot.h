@@ -107,6 +107,8 @@ class TOLAN_EXPORT TaskSchedulerSnapshot {
   ~TaskSchedulerSnapshot();
 
   const std::string& key() const noexcept { return key_; }
+  // The records' names live in the snapshot's cache: a copied record must
+  // not outlive the snapshot.
   const Contents& contents() const noexcept { return contents_; }
 
   // Adds this snapshot to the document: its key, then renderJsonImpl().
