@@ -92,7 +92,8 @@ class TOLAN_EXPORT TaskSchedulerSnapshot {
   //  includeNeverRan: records of tasks that never ran too; otherwise they
   //    are only counted in "skipped".
   //  includeCompleted: the completed-task records ("completedTasks").
-  //  includeSubSchedulers: a snapshot of each task group of the scheduler.
+  //  includeSubSchedulers: a snapshot of each task group of the scheduler
+  //    (task groups are not part of the library yet: no effect so far).
   //  limit: at most this many live records (those with the largest total run
   //    time); the rest add to "skipped". ~0u: no limit.
   //  withHistory: a root's history ("history"); ignored for other
