@@ -22,13 +22,16 @@
 // Threading: a scheduler and its tasks belong to one thread; every public
 // entry point checks the calling thread through the root. Nothing is locked.
 // A TaskStat copied out is a plain value, but copying and destroying one
-// touches its interned name and so belongs to the scheduler's thread too.
+// touches its interned name and so belongs to the scheduler's thread too;
+// to hand statistics to another thread, take a snapshot() (it interns the
+// names again in a cache of its own).
 #pragma once
 
 #include <fmt/format.h>
 
 #include <array>
 #include <cstdint>
+#include <iosfwd>
 #include <memory>
 #include <string>
 #include <type_traits>
@@ -46,6 +49,8 @@
 namespace Tolan {
 
 class TaskSchedulerRoot;
+class TaskSchedulerSnapshot;
+class TaskSchedulerPrintContext;
 
 class TOLAN_EXPORT TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
  public:
@@ -173,6 +178,25 @@ class TOLAN_EXPORT TaskScheduler : public std::enable_shared_from_this<TaskSched
   void clearStats();
   // Empties the completed records and counts; zeroes the maximum scheduler latency.
   void clearStatsCommon();
+
+  // ---- introspection (defined with TaskSchedulerSnapshot.h; include it) ----
+
+  // A copy of this scheduler's state for rendering on any thread, listed
+  // under the scheduler's name. The flags are those of the snapshot's
+  // constructor. On the scheduler's thread.
+  std::shared_ptr<const TaskSchedulerSnapshot> snapshot(bool includeNeverRan, bool includeCompleted,
+                                                        bool includeSubSchedulers, unsigned limit = ~0u,
+                                                        bool withHistory = true) const;
+  // The whole JSON document of this scheduler (with its history, when it is
+  // a root) on a stream, as a string, or on a blocking descriptor.
+  void statsRenderJson(std::ostream& out, bool includeNeverRan, bool includeCompleted,
+                       bool includeSubSchedulers) const;
+  std::string statsRenderJsonToString(bool includeNeverRan, bool includeCompleted, bool includeSubSchedulers) const;
+  void statsRenderJsonToBlockingFdForTest(int fd, bool includeNeverRan, bool includeCompleted,
+                                          bool includeSubSchedulers) const;
+  // A document frame on a stream or a blocking descriptor (TaskSchedulerPrintContext.h).
+  static std::unique_ptr<TaskSchedulerPrintContext> PrintContextIs(std::ostream& out);
+  static std::unique_ptr<TaskSchedulerPrintContext> PrintContextIs(int fd, bool throwOnError);
 
   // For tests: the first registered task named `name` (null if none) and the
   // records of a live or completed name (an empty record if none).

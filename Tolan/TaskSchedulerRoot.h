@@ -162,6 +162,27 @@ class TOLAN_EXPORT TaskSchedulerRoot : public TaskScheduler, public Platform::Ca
   std::string historyRenderTextForDebugToString() const;
   void historyRenderTextForDebugStdErr() const;
 
+  // ---- text statistics report (defined with TaskStatReport.h) ----
+
+  // The per-priority counts, a legend and one table of tasks (and one of
+  // completed tasks), sorted by total run time. The flags:
+  //  includeNeverRan: list tasks that never ran (else counted as skipped);
+  //  includeCompleted: add the completed-task table;
+  //  allSchedulers: every registered scheduler of this root (its task groups
+  //    too) in one report; otherwise the root's own tasks only;
+  //  showKeys: each name followed by its key ("flush@12"), to tell tasks of
+  //    one name apart.
+  // On the root's thread. The descriptor form needs a blocking descriptor
+  // (FdToStream) and leaves it open.
+  void statsRenderTextForDebug(std::ostream& out, bool includeNeverRan, bool includeCompleted, bool allSchedulers,
+                               bool showKeys) const;
+  void statsRenderTextForDebug(int fd, bool includeNeverRan, bool includeCompleted, bool allSchedulers,
+                               bool showKeys) const;
+  std::string statsRenderTextForDebugToString(bool includeNeverRan, bool includeCompleted, bool allSchedulers,
+                                              bool showKeys) const;
+  // Everything (never-ran tasks, completed tasks, all schedulers), no keys.
+  void statsRenderTextForDebugStdErr() const;
+
   // The wheel of the thread's timer tasks (its loop timer runs at priority 0).
   const std::shared_ptr<TimerWheel>& timerWheel() const noexcept { return timerWheel_; }
 

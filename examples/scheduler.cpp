@@ -4,10 +4,13 @@
 // scheduled lowest first, and a long computation at low priority that works
 // in slices of its quantum and reschedules itself for the rest. The loop
 // returns by itself when nothing is left to run; each thread then prints the
-// newest events of its scheduling history.
+// newest events of its scheduling history and the statistics report of its
+// tasks. At the very end the main thread writes the JSON introspection
+// document of its scheduler to standard output (pipe it to jq to read it).
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <iostream>
 #include <memory>
 #include <string>
 #include <thread>
@@ -15,6 +18,7 @@
 
 #include "Tolan/Platform.h"
 #include "Tolan/TaskScheduler.h"
+#include "Tolan/TaskStatReport.h"
 
 namespace {
 
@@ -61,6 +65,8 @@ void runTasks(const char* where) {
   for (auto& task : tasks) task->scheduleTask();
   Tolan::Platform::doEventLoop();  // returns once the scheduler is idle
   std::printf("%s\n", root->historyRenderTextForDebugToString().c_str());
+  tasks.resize(1);  // the greeters end: they show as completed tasks
+  std::printf("%s\n", root->statsRenderTextForDebugToString(true, true, false, false).c_str());
 }
 
 }  // namespace
@@ -69,5 +75,10 @@ int main() {
   runTasks("main thread");
   // The thread's root and event base go by themselves when it ends.
   std::thread([] { runTasks("second thread"); }).join();
+  // All of the main thread's scheduler: tasks that never ran, completed
+  // tasks, task groups, and its history.
+  std::fflush(stdout);
+  Tolan::schedulerRootTolan()->statsRenderJson(std::cout, true, true, true);
+  std::cout << std::endl;
   return 0;
 }

@@ -10,6 +10,7 @@ packages=(
   rapidjson-dev libunwind-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev libspdlog-dev libxxhash-dev
   clang libclang-rt-14-dev
+  jq python3-jsonschema
 )
 
 missing=()

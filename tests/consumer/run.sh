@@ -94,10 +94,10 @@ unexpected=$(echo "$symbols" | sed -E 's/^(typeinfo name for |typeinfo for |vtab
 for symbol in 'Tolan::Platform::getDebugHandler(' 'typeinfo for Tolan::AssertException' \
   'vtable for Tolan::Platform::TimerControl' 'Tolan::FdToStream::FdToStream(int, bool)' \
   'Tolan::TimerWheel::timerStart(' 'Tolan::leInit()' 'TOLAN_DEFAULT_HANDLE' 'timeouts_open'; do
-  echo "$symbols" | grep -qF "$symbol" || fail "public symbol '$symbol' is not exported"
+  grep -qF "$symbol" <<<"$symbols" || fail "public symbol '$symbol' is not exported"
 done
 for symbol in 'vtable for Tolan::Loco' 'Tolan::Impl::reopenTraceFile(' 'Tolan::Impl::writeTraceLine('; do
-  if echo "$symbols" | grep -qF "$symbol"; then fail "internal symbol '$symbol' is exported"; fi
+  if grep -qF "$symbol" <<<"$symbols"; then fail "internal symbol '$symbol' is exported"; fi
 done
 step "dynamic symbol table: $(echo "$symbols" | grep -c '^Tolan::\|for Tolan::') Tolan symbols, Impl ones only as intended"
 

@@ -5,6 +5,7 @@
 #include <event2/event.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <sstream>
@@ -28,6 +29,16 @@ struct Probe : Tolan::Task {
   std::vector<std::string>* log;
   std::function<void(Probe&)> body;
 };
+
+// A statistics record without work counters, its name interned in `names`.
+inline Tolan::TaskStat statRecord(Tolan::ConstStringCache& names, const char* name, uint32_t key,
+                                  Tolan::TaskPriority priority, uint32_t runs, std::chrono::nanoseconds total,
+                                  std::chrono::nanoseconds lastLatency = {}, std::chrono::nanoseconds maxLatency = {},
+                                  std::chrono::nanoseconds maxRun = {}, uint8_t status = 0) {
+  return Tolan::TaskStat(names.intern(name), Tolan::TaskKey(key), priority, runs, total, 0, 0,
+                         Tolan::TaskMaybeU32::none(), 0, Tolan::TaskMaybeU32::none(), 0, 0, maxRun, lastLatency,
+                         maxLatency, Tolan::TaskStat::TaskStatus(status));
+}
 
 // Each test gets a root of its own on the test thread.
 class SchedulerFixture : public ::testing::Test {

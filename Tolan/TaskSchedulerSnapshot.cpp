@@ -1,0 +1,314 @@
+#include "Tolan/TaskSchedulerSnapshot.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <sstream>
+
+#include "Tolan/Exception.h"
+#include "Tolan/Impl/JsonWriter.h"
+#include "Tolan/TaskScheduler.h"
+#include "Tolan/TaskSchedulerPrintContext.h"
+
+// Why the snapshot interns names again: a TaskStat copied from a task holds
+// a ConstStringRef into the scheduler's history cache, whose counts are plain
+// integers. Were a snapshot to keep those references, every copy, sort or
+// destruction on a rendering thread would race with the scheduler thread's
+// own counting. The snapshot therefore moves each record's name into a cache
+// of its own while it is still on the scheduler's thread; afterwards nothing
+// in it is shared. The scheduler's hot path is untouched: the extra cost (one
+// hash lookup per record, one allocation per distinct name) is paid by the
+// snapshot.
+//
+// Task groups: a group's sub-snapshot is listed under subSchedulerKey() of its
+// parent task's record. Task groups are not on this branch yet; when they
+// land, the scheduler constructor adds one SubScheduler per group whose parent
+// is this scheduler (includeSubSchedulers), and the display order of a group
+// is taken there. Until then a live snapshot has no sub-schedulers and no
+// display order; snapshots made of parts render both.
+
+namespace Tolan {
+
+using Impl::JsonWriter;
+
+namespace {
+
+double seconds(TaskTimeDuration d) { return static_cast<double>(d.count()) / 1e9; }
+
+void writeString(JsonWriter& w, const std::string& s) {
+  w.String(s.data(), static_cast<rapidjson::SizeType>(s.size()));
+}
+
+// A literal key with its length known at compile time: the writer's
+// Key(const char*) is not inlined here and would count the characters.
+template <size_t N>
+void literalKey(JsonWriter& w, const char (&literal)[N]) {
+  w.Key(literal, N - 1);
+}
+
+void writeKey(JsonWriter& w, const std::string& s) {
+  w.Key(s.data(), static_cast<rapidjson::SizeType>(s.size()));
+}
+
+template <size_t N>
+void writeKeyString(JsonWriter& w, const char (&literal)[N], const std::string& value) {
+  literalKey(w, literal);
+  writeString(w, value);
+}
+
+bool longerRun(const TaskStat* a, const TaskStat* b) { return a->taskTotalRunTime() > b->taskTotalRunTime(); }
+
+void renderTask(JsonWriter& w, const TaskStat& stat, bool completed) {
+  const TaskStat::TaskStatus status = stat.taskStatus();
+  w.StartObject();
+  writeKeyString(w, "name", stat.taskName());
+  // TaskKey::toStrep() without its allocation and format parsing.
+  const fmt::format_int number(stat.taskKey().value());
+  char address[16] = {'@'};
+  std::copy(number.data(), number.data() + number.size(), address + 1);
+  literalKey(w, "address");
+  w.String(address, static_cast<rapidjson::SizeType>(number.size() + 1));
+  literalKey(w, "priority");
+  w.String(stat.taskPriority().toStrep());
+  if (status.taskIsTaskGroup()) writeKeyString(w, "subScheduler", TaskSchedulerSnapshot::subSchedulerKey(stat));
+  literalKey(w, "onRunQueue");
+  w.Bool(status.taskOnRunQueue());
+  literalKey(w, "currentlyRunning");
+  w.Bool(status.taskCurrentlyRunning());
+  literalKey(w, "suspended");
+  w.Bool(status.taskSuspended());
+  literalKey(w, "hasTimer");
+  w.Bool(status.taskTimer());
+  literalKey(w, "timerRunning");
+  w.Bool(status.taskTimerRunning());
+  literalKey(w, "runCount");
+  w.Uint(stat.taskRunCount());
+  literalKey(w, "totalRunTime");
+  w.Double(seconds(stat.taskTotalRunTime()));
+  literalKey(w, "lastSchedulingLatency");
+  w.Double(seconds(stat.taskLastSchedulingLatency()));
+  literalKey(w, "schedulingLatencyHighWaterMark");
+  w.Double(seconds(stat.taskSchedulingLatencyHighWaterMark()));
+  literalKey(w, "qv200");
+  w.Uint(stat.taskQuantumViolation200());
+  literalKey(w, "qv500");
+  w.Uint(stat.taskQuantumViolation500());
+  // Whole milliseconds, the fraction dropped (a negative mark cannot occur).
+  literalKey(w, "maxMs");
+  w.Uint(static_cast<unsigned>(std::max<int64_t>(0, stat.taskRunTimeHighWaterMark().count()) / 1000000));
+  if (completed) {
+    literalKey(w, "completedCount");
+    w.Uint(stat.taskCompletedCount());
+  }
+  if (stat.taskWorkCountHighWater().hasValue()) {
+    literalKey(w, "workCount");
+    w.StartObject();
+    // The format carries the counter modulo 2^32, on purpose.
+    literalKey(w, "total");
+    w.Uint(static_cast<uint32_t>(stat.taskWorkCountTotal()));
+    literalKey(w, "decayingAvg");
+    w.Double(stat.taskWorkCountDecayingAverage());
+    literalKey(w, "highwater");
+    w.Uint(stat.taskWorkCountHighWater().raw());
+    w.EndObject();
+  }
+  if (stat.taskWorkPendingHighWater().hasValue()) {
+    literalKey(w, "workPending");
+    w.StartObject();
+    literalKey(w, "pending");
+    w.Uint(stat.taskWorkPending());
+    literalKey(w, "highwater");
+    w.Uint(stat.taskWorkPendingHighWater().raw());
+    w.EndObject();
+  }
+  w.EndObject();
+}
+
+}  // namespace
+
+// ---- History ----
+
+std::shared_ptr<const TaskSchedulerSnapshot::History> TaskSchedulerSnapshot::History::copyOf(
+    const TaskSchedulerHistory& history) {
+  auto copy = std::make_shared<History>();
+  copy->historyEntryCount = history.historyEntryCount();
+  copy->events.reserve(history.size());
+  for (const auto& event : history.events())
+    copy->events.push_back(Event{event.time.time_since_epoch().count(), event.eventType, event.name.str()});
+  return copy;
+}
+
+void TaskSchedulerSnapshot::History::renderJson(TaskSchedulerPrintContext& context) const {
+  JsonWriter& w = context.writer();
+  literalKey(w, "history");
+  w.StartObject();
+  literalKey(w, "historyEntryCount");
+  w.Uint(historyEntryCount);
+  literalKey(w, "history");
+  w.StartArray();
+  for (const Event& event : events) {
+    w.StartObject();
+    literalKey(w, "nsSinceBoot");
+    w.Uint64(static_cast<uint64_t>(event.nsSinceBoot));
+    literalKey(w, "eventType");
+    w.String(TaskSchedulerHistory::Event{event.eventType, {}, {}}.eventTypeDisplay());
+    if (!event.eventId.empty()) writeKeyString(w, "eventId", event.eventId);
+    w.EndObject();
+  }
+  w.EndArray();
+  w.EndObject();
+}
+
+// ---- the snapshot ----
+
+TaskSchedulerSnapshot::TaskSchedulerSnapshot(const TaskScheduler* scheduler, std::string key, bool includeNeverRan,
+                                             bool includeCompleted, bool /*includeSubSchedulers*/, unsigned limit,
+                                             bool withHistory)
+    : key_(std::move(key)), names_(std::make_unique<ConstStringCache>()) {
+  TaskSchedulerRoot* root = scheduler->root();
+  root->sanityCheckCurrentRunningThread();
+  Contents& c = contents_;
+  c.schedulerName = scheduler->schedulerName();
+  c.isRootScheduler = static_cast<const TaskScheduler*>(root) == scheduler;
+  c.queueStats = scheduler->queueStats();
+  c.maxSchedulerSlip = scheduler->maxSchedulerLatency();
+  c.skipped = scheduler->getTaskStats(&c.tasks, includeNeverRan);
+  if (c.tasks.size() > limit) {
+    // Keep the records a reader looks at first: the longest-running ones.
+    std::nth_element(c.tasks.begin(), c.tasks.begin() + limit, c.tasks.end(),
+                     [](const TaskStat& a, const TaskStat& b) { return longerRun(&a, &b); });
+    c.skipped += static_cast<unsigned>(c.tasks.size() - limit);
+    c.tasks.erase(c.tasks.begin() + limit, c.tasks.end());
+  }
+  if (includeCompleted) c.completedSkipped = scheduler->getCompletedTaskStats(&c.completedTasks, includeNeverRan);
+  if (withHistory && c.isRootScheduler) c.history = History::copyOf(scheduler->history());
+  internNames();
+}
+
+TaskSchedulerSnapshot::TaskSchedulerSnapshot(std::string key, Contents contents)
+    : key_(std::move(key)), names_(std::make_unique<ConstStringCache>()), contents_(std::move(contents)) {
+  internNames();
+}
+
+TaskSchedulerSnapshot::TaskSchedulerSnapshot(TaskSchedulerSnapshot&&) noexcept = default;
+TaskSchedulerSnapshot::~TaskSchedulerSnapshot() = default;
+
+void TaskSchedulerSnapshot::internNames() {
+  for (auto* records : {&contents_.tasks, &contents_.completedTasks})
+    for (TaskStat& stat : *records)
+      if (!stat.taskNameRef().empty()) stat.taskNameIs(names_->intern(stat.taskName()));
+}
+
+std::string TaskSchedulerSnapshot::subSchedulerKey(const TaskStat& stat) {
+  if (!stat.taskStatus().taskIsTaskGroup())
+    RuntimeException::throwException(fmt::format("{} is not TaskGroup", stat.taskName()));
+  return stat.taskName() + stat.taskKey().toStrep();
+}
+
+void TaskSchedulerSnapshot::renderJson(TaskSchedulerPrintContext& context) const {
+  writeKey(context.writer(), key_);
+  renderJsonImpl(context);
+}
+
+void TaskSchedulerSnapshot::renderJsonImpl(TaskSchedulerPrintContext& context) const {
+  JsonWriter& w = context.writer();
+  const Contents& c = contents_;
+  w.StartObject();
+  writeKeyString(w, "schedulerName", c.schedulerName);
+  if (c.displayOrder.hasValue()) {
+    literalKey(w, "displayOrder");
+    w.Uint(c.displayOrder.raw());
+  }
+  literalKey(w, "isRootScheduler");
+  w.Bool(c.isRootScheduler);
+  literalKey(w, "priorityStats");
+  w.StartObject();
+  for (const auto& entry : c.queueStats) {
+    const TaskSchedulerPriorityStats& p = entry.second;
+    w.Key(entry.first.toStrep());
+    w.StartObject();
+    literalKey(w, "runnableTasks");
+    w.Uint(p.runnableTasks);
+    literalKey(w, "idleTasks");
+    w.Uint(p.idleTasks);
+    literalKey(w, "completedTasks");
+    w.Uint(p.completedTasks);
+    literalKey(w, "totalRunCount");
+    w.Uint64(p.totalRunCount);
+    w.EndObject();
+  }
+  w.EndObject();
+  literalKey(w, "maxSchedulerSlip");
+  w.Double(seconds(c.maxSchedulerSlip));
+  renderJsonTasks(context, c.tasks, "tasks", c.skipped, false);
+  if (!c.completedTasks.empty()) renderJsonTasks(context, c.completedTasks, "completedTasks", c.completedSkipped, true);
+  literalKey(w, "subSchedulers");
+  w.StartObject();
+  for (const SubScheduler& sub : c.subSchedulers) {
+    writeKey(w, sub.key);
+    sub.snapshot.renderJsonImpl(context);
+  }
+  w.EndObject();
+  if (c.history) c.history->renderJson(context);
+  w.EndObject();
+}
+
+void TaskSchedulerSnapshot::renderJsonTasks(TaskSchedulerPrintContext& context, const std::vector<TaskStat>& tasks,
+                                            const std::string& label, unsigned skipped, bool completed) {
+  std::vector<const TaskStat*> order;
+  order.reserve(tasks.size());
+  for (const TaskStat& stat : tasks) order.push_back(&stat);
+  std::sort(order.begin(), order.end(), longerRun);
+  JsonWriter& w = context.writer();
+  writeKey(w, label);
+  w.StartObject();
+  literalKey(w, "tasks");
+  w.StartArray();
+  for (const TaskStat* stat : order) renderTask(w, *stat, completed);
+  w.EndArray();
+  literalKey(w, "skipped");
+  w.Uint(skipped);
+  w.EndObject();
+}
+
+// ---- the scheduler's entry points ----
+
+std::shared_ptr<const TaskSchedulerSnapshot> TaskScheduler::snapshot(bool includeNeverRan, bool includeCompleted,
+                                                                     bool includeSubSchedulers, unsigned limit,
+                                                                     bool withHistory) const {
+  return std::make_shared<const TaskSchedulerSnapshot>(this, schedulerName(), includeNeverRan, includeCompleted,
+                                                       includeSubSchedulers, limit, withHistory);
+}
+
+std::unique_ptr<TaskSchedulerPrintContext> TaskScheduler::PrintContextIs(std::ostream& out) {
+  return std::make_unique<TaskSchedulerPrintContext>(out);
+}
+
+std::unique_ptr<TaskSchedulerPrintContext> TaskScheduler::PrintContextIs(int fd, bool throwOnError) {
+  return std::make_unique<TaskSchedulerPrintContext>(fd, throwOnError);
+}
+
+void TaskScheduler::statsRenderJson(std::ostream& out, bool includeNeverRan, bool includeCompleted,
+                                    bool includeSubSchedulers) const {
+  const auto snap = snapshot(includeNeverRan, includeCompleted, includeSubSchedulers);
+  TaskSchedulerPrintContext context(out);
+  snap->renderJson(context);
+  context.closeJson();
+}
+
+std::string TaskScheduler::statsRenderJsonToString(bool includeNeverRan, bool includeCompleted,
+                                                   bool includeSubSchedulers) const {
+  std::ostringstream out;
+  statsRenderJson(out, includeNeverRan, includeCompleted, includeSubSchedulers);
+  return std::move(out).str();
+}
+
+void TaskScheduler::statsRenderJsonToBlockingFdForTest(int fd, bool includeNeverRan, bool includeCompleted,
+                                                       bool includeSubSchedulers) const {
+  const auto snap = snapshot(includeNeverRan, includeCompleted, includeSubSchedulers);
+  TaskSchedulerPrintContext context(fd, false);
+  snap->renderJson(context);
+  context.closeJson();
+}
+
+}  // namespace Tolan
