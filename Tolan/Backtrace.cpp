@@ -2,6 +2,7 @@
 
 #include <cxxabi.h>
 #include <dlfcn.h>
+#include <pthread.h>
 #include <time.h>
 
 #define UNW_LOCAL_ONLY
@@ -17,6 +18,7 @@
 #include <sstream>
 
 #include "Tolan/Assert.h"
+#include "Tolan/Impl/ForkLocks.h"
 #include "Tolan/Locking.h"
 #include "Tolan/Thread.h"
 
@@ -49,11 +51,36 @@ double monotonicSeconds() noexcept {
   return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
 }
 
+// libunwind takes locks of its own while walking and registers no fork
+// handler: a child forked while another thread was inside unw_backtrace would
+// hang on its first stack. Captures share this lock; the fork handler takes it
+// exclusively, so no walk is under way at fork(). Writers first, so that a
+// steady stream of exceptions cannot hold fork() off.
+struct CaptureLock {
+  CaptureLock() noexcept { init(); }
+  void init() noexcept {
+    pthread_rwlockattr_t attr;
+    pthread_rwlockattr_init(&attr);
+    pthread_rwlockattr_setkind_np(&attr, PTHREAD_RWLOCK_PREFER_WRITER_NONRECURSIVE_NP);
+    pthread_rwlock_init(&lock, &attr);
+    pthread_rwlockattr_destroy(&attr);
+  }
+  pthread_rwlock_t lock;
+};
+
+CaptureLock& captureLock() noexcept {
+  static NoDestructor<CaptureLock> instance;
+  return *instance;
+}
+
 }  // namespace
 
 inline __attribute__((always_inline)) void Backtrace::capture() noexcept {
   timestamp_ = monotonicSeconds();
+  pthread_rwlock_t& lock = captureLock().lock;
+  pthread_rwlock_rdlock(&lock);
   const int n = unw_backtrace(slots_, kSlots);
+  pthread_rwlock_unlock(&lock);
   frameCount_ = n > 1 ? static_cast<uint32_t>(n - 1) : 0;
 }
 
@@ -115,6 +142,21 @@ TrackerState& tracker() {
 }
 
 }  // namespace
+
+namespace Impl {
+void trackerForkPrepare() noexcept {
+  tracker().lock.lock();
+  pthread_rwlock_wrlock(&captureLock().lock);
+}
+void trackerForkParent() noexcept {
+  pthread_rwlock_unlock(&captureLock().lock);
+  tracker().lock.unlock();
+}
+void trackerForkChild() noexcept {
+  captureLock().init();
+  tracker().lock.reinitialise();
+}
+}  // namespace Impl
 
 void BacktraceTracker::enabledIs(bool on) {
   TrackerState& t = tracker();

@@ -25,12 +25,21 @@ pthread_t self() noexcept { return threadsActive() ? pthread_self() : kNoThreads
 
 namespace Impl {
 
-OwnedMutex::OwnedMutex(int type) noexcept {
+OwnedMutex::OwnedMutex(int type) noexcept : type_(type) { init(); }
+
+void OwnedMutex::init() noexcept {
   pthread_mutexattr_t attr;
   pthread_mutexattr_init(&attr);
-  pthread_mutexattr_settype(&attr, type);
+  pthread_mutexattr_settype(&attr, type_);
   pthread_mutex_init(&mutex_, &attr);
   pthread_mutexattr_destroy(&attr);
+}
+
+// A mutex held in the parent cannot be unlocked in the child: glibc checks the
+// owner's kernel thread id, which the child's thread does not share.
+void OwnedMutex::reinitialise() noexcept {
+  init();
+  owner_.store(0, std::memory_order_relaxed);
 }
 
 OwnedMutex::~OwnedMutex() { pthread_mutex_destroy(&mutex_); }

@@ -17,13 +17,41 @@ struct Impostor : Platform::Plugin {
   Tolan::String pluginName() const override { return "utgood"; }
 };
 
-TEST(ForkHandler, ChildSeesTheFlagTheParentDoesNot) {
+// Children forked while other threads trace and record exceptions: a lock
+// held by one of those threads at the fork would hang the child for ever.
+TEST(ForkHandler, ChildrenForkedUnderLoadSeeTheFlagAndNeverHang) {
   Platform::forkedChildIs(false);
-  for (int registrations = 1; registrations <= 2; ++registrations) {
-    EXPECT_EQ(exitStatusInChild([] { return Platform::isForkedChild() ? 0 : 1; }), 0) << registrations;
-    EXPECT_FALSE(Platform::isForkedChild());
-    Platform::setupHandler();  // registering again must not break the flag
-  }
+  auto handler = Platform::getDebugHandler("TolanTestFork");
+  Tolan::BacktraceTracker::enabledIs(true);
+  std::atomic<bool> stop{false};
+  std::vector<int> statuses;
+  traceOf(*handler, "0", [&] {
+    std::vector<std::thread> hammers;
+    for (int t = 0; t < 2; ++t)
+      hammers.emplace_back([&] {
+        while (!stop) {
+          TOLAN_TRACE(*handler, 0, "busy");
+          Tolan::RuntimeException recorded("busy");
+        }
+      });
+    for (int child = 0; child < 20; ++child) {
+      statuses.push_back(exitStatusInChild(
+          [&] {
+            TOLAN_TRACE(*handler, 0, "child");
+            Platform::getDebugHandler("TolanTestForkChild");
+            EXPECT_ASSERTS(TOLAN_FAIL("in the child"), "in the child");
+            return Platform::isForkedChild() && !HasFailure() ? 0 : 1;
+          },
+          std::chrono::seconds(10)));
+      Platform::setupHandler();  // registering again changes nothing
+    }
+    stop = true;
+    for (auto& th : hammers) th.join();
+  });
+  Tolan::BacktraceTracker::clear();
+  Tolan::BacktraceTracker::enabledIs(false);
+  EXPECT_FALSE(Platform::isForkedChild());
+  EXPECT_EQ(statuses, std::vector<int>(20, 0)) << "137: a child hung";
 }
 
 TEST_F(Plugins, LoadOnceRegisterByNameAndRefuseImpostors) {
