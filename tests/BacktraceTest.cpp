@@ -55,18 +55,6 @@ TEST(Backtrace, CaptureAndPrettyNameEachFrame) {
   for (uint32_t i = 0; i < deep.frameCount(); ++i) EXPECT_THAT(symbolOf(deep.frames()[i]), HasSubstr("captureAtDepth"));
 }
 
-TEST(Backtrace, TidIsThatOfTheCapturingThreadEvenAfterFork) {
-  pid_t otherTid = 0, capturedTid = 0;
-  std::thread([&] {
-    otherTid = Tolan::gettid();
-    capturedTid = Tolan::Backtrace(true).tid();
-  }).join();
-  EXPECT_EQ(capturedTid, otherTid);
-  EXPECT_EQ(Tolan::Backtrace(true).tid(), Tolan::gettid());
-  EXPECT_EQ(exitStatusInChild([] { return Tolan::Backtrace(true).tid() == getpid() ? 0 : 1; }), 0)
-      << "the child saw its parent's tid";
-}
-
 TEST(Backtrace, VerbosityIsOneUnlessExactlyZeroAndTypeNamesDemangle) {
   for (const char* value : {"0", "00", "0 ", "", "off"}) {
     setenv("TOLAN_BACKTRACE_VERBOSITY", value, 1);

@@ -18,17 +18,13 @@ extern "C" __attribute__((noinline)) void tolanTestThrowRuntime(const Tolan::Str
 
 // Each class's throwException throws that very class, which names itself.
 TEST(Exception, EveryClassThrowsItselfWithItsMessageAndStack) {
+#define ROW_(Class) {&Tolan::Class::throwException, "Tolan::" #Class}
   const std::pair<void (*)(const Tolan::String&), const char*> rows[] = {
-      {&Tolan::MemoryResourceException::throwException, "Tolan::MemoryResourceException"},
-      {&Tolan::NoPermissionException::throwException, "Tolan::NoPermissionException"},
-      {&Tolan::UnimplementedException::throwException, "Tolan::UnimplementedException"},
-      {&Tolan::InvalidInitializeException::throwException, "Tolan::InvalidInitializeException"},
-      {&Tolan::RuntimeException::throwException, "Tolan::RuntimeException"},
-      {&Tolan::OutOfRangeException::throwException, "Tolan::OutOfRangeException"},
-      {&Tolan::CorruptionDetectedException::throwException, "Tolan::CorruptionDetectedException"},
-      {&Tolan::InvalidSizeException::throwException, "Tolan::InvalidSizeException"},
-      {&Tolan::AssertException::throwException, "Tolan::AssertException"},
+      ROW_(MemoryResourceException), ROW_(NoPermissionException), ROW_(UnimplementedException),
+      ROW_(InvalidInitializeException), ROW_(RuntimeException), ROW_(OutOfRangeException),
+      ROW_(CorruptionDetectedException), ROW_(InvalidSizeException), ROW_(AssertException),
       {&tolanTestThrowRuntime, "Tolan::RuntimeException"}};
+#undef ROW_
   for (auto [thrower, name] : rows) {
     try {
       thrower("oops");
