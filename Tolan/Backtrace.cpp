@@ -33,8 +33,12 @@
 //
 // Frame accounting: capture() is inlined into the constructor and unwind(),
 // so unw_backtrace's first address is in one of them (slot 0, not kept) and
-// the next is in their caller. Neither is inlined into its caller nor leaves
-// by a tail call, which would shift that count.
+// the next is in their caller. Neither may be inlined into its caller, cloned
+// or left by a tail call, any of which would shift that count. `noinline`
+// alone is not enough: at -O3 GCC still put the constructor's body into
+// BacktraceTracker::backtraceIs, so frame 0 was the caller's caller. `noipa`
+// (no inlining, cloning or other interprocedural change) holds in every build
+// type, so an exception's frame 0 is always in the Tolan::Exception constructor.
 
 namespace Tolan {
 namespace {
@@ -84,13 +88,13 @@ inline __attribute__((always_inline)) void Backtrace::capture() noexcept {
   frameCount_ = n > 1 ? static_cast<uint32_t>(n - 1) : 0;
 }
 
-__attribute__((noinline)) Backtrace::Backtrace(bool capture) noexcept
+__attribute__((noipa)) Backtrace::Backtrace(bool capture) noexcept
     : frameCount_(0), tid_(cachedGettid()), timestamp_(std::numeric_limits<double>::infinity()) {
   if (capture) this->capture();
   TOLAN_KEEP_FRAME_();
 }
 
-__attribute__((noinline)) void Backtrace::unwind() noexcept {
+__attribute__((noipa)) void Backtrace::unwind() noexcept {
   capture();
   TOLAN_KEEP_FRAME_();
 }

@@ -9,9 +9,9 @@
 using namespace TolanTest;
 using Tracker = Tolan::BacktraceTracker;
 
-// Exported (the test is linked with -rdynamic) and never inlined, so that the
-// frames they capture can be recognised by name.
-__attribute__((noinline)) Tolan::Backtrace captureAtDepth(int depth) {
+// Exported (the test is linked with -rdynamic), and never inlined or cloned
+// (local clones have no exported name), so that its frames can be recognised.
+__attribute__((noipa)) Tolan::Backtrace captureAtDepth(int depth) {
   if (depth == 0) return Tolan::Backtrace(true);
   Tolan::Backtrace bt = captureAtDepth(depth - 1);
   asm volatile("" ::: "memory");
