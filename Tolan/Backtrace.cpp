@@ -8,6 +8,10 @@
 #define UNW_LOCAL_ONLY
 #include <libunwind.h>
 
+#if defined(__SANITIZE_THREAD__)
+#include <sanitizer/tsan_interface.h>
+#endif
+
 #include <boost/circular_buffer.hpp>
 #include <cstdlib>
 #include <cstring>
@@ -61,8 +65,7 @@ double monotonicSeconds() noexcept {
 // exclusively, so no walk is under way at fork(). Writers first, so that a
 // steady stream of exceptions cannot hold fork() off.
 struct CaptureLock {
-  CaptureLock() noexcept { init(); }
-  void init() noexcept {
+  CaptureLock() noexcept {
     pthread_rwlockattr_t attr;
     pthread_rwlockattr_init(&attr);
     pthread_rwlockattr_setkind_np(&attr, PTHREAD_RWLOCK_PREFER_WRITER_NONRECURSIVE_NP);
@@ -72,9 +75,14 @@ struct CaptureLock {
   pthread_rwlock_t lock;
 };
 
+// The child of a fork gets a new lock rather than re-initialising the held
+// one in place; the old one stays, unused, for the life of the process.
+CaptureLock* gCaptureLock = nullptr;
+
 CaptureLock& captureLock() noexcept {
-  static NoDestructor<CaptureLock> instance;
-  return *instance;
+  static const bool made = (gCaptureLock = new CaptureLock, true);
+  (void)made;
+  return *gCaptureLock;
 }
 
 }  // namespace
@@ -83,7 +91,24 @@ inline __attribute__((always_inline)) void Backtrace::capture() noexcept {
   timestamp_ = monotonicSeconds();
   pthread_rwlock_t& lock = captureLock().lock;
   pthread_rwlock_rdlock(&lock);
+#if defined(__SANITIZE_THREAD__)
+  // unw_backtrace's per-thread cache is freed by a thread-exit destructor that
+  // takes a mutex after ThreadSanitizer has finished the thread, which crashes
+  // every thread that ever captured a stack. The cursor walk keeps no such
+  // cache; it is slower, which matters little in that build. Same frames.
+  int n = 0;
+  unw_context_t context;
+  unw_cursor_t cursor;
+  if (unw_getcontext(&context) == 0 && unw_init_local(&cursor, &context) == 0) {
+    unw_word_t ip = 0;
+    do {
+      if (unw_get_reg(&cursor, UNW_REG_IP, &ip) < 0 || ip == 0) break;
+      slots_[n++] = reinterpret_cast<void*>(ip);
+    } while (n < kSlots && unw_step(&cursor) > 0);
+  }
+#else
   const int n = unw_backtrace(slots_, kSlots);
+#endif
   pthread_rwlock_unlock(&lock);
   frameCount_ = n > 1 ? static_cast<uint32_t>(n - 1) : 0;
 }
@@ -157,7 +182,12 @@ void trackerForkParent() noexcept {
   tracker().lock.unlock();
 }
 void trackerForkChild() noexcept {
-  captureLock().init();
+#if defined(__SANITIZE_THREAD__)
+  // This thread write-locked the old one in prepare: tell the race detector it let go.
+  __tsan_mutex_pre_unlock(&gCaptureLock->lock, 0);
+  __tsan_mutex_post_unlock(&gCaptureLock->lock, 0);
+#endif
+  gCaptureLock = new CaptureLock;
   tracker().lock.reinitialise();
 }
 }  // namespace Impl

@@ -4,6 +4,10 @@
 
 #include <system_error>
 
+#if defined(__SANITIZE_THREAD__)
+#include <sanitizer/tsan_interface.h>
+#endif
+
 #include "Tolan/Assert.h"
 
 // Without the threads library linked in (only possible with pre-2.34 glibc,
@@ -38,6 +42,14 @@ void OwnedMutex::init() noexcept {
 // A mutex held in the parent cannot be unlocked in the child: glibc checks the
 // owner's kernel thread id, which the child's thread does not share.
 void OwnedMutex::reinitialise() noexcept {
+#if defined(__SANITIZE_THREAD__)
+  // Re-initialising does not reset what ThreadSanitizer knows: tell it that
+  // the holder (this very thread, if anyone) let go at every level.
+  if (owns_lock()) {
+    __tsan_mutex_pre_unlock(&mutex_, __tsan_mutex_recursive_unlock);
+    __tsan_mutex_post_unlock(&mutex_, __tsan_mutex_recursive_unlock);
+  }
+#endif
   init();
   owner_.store(0, std::memory_order_relaxed);
 }
