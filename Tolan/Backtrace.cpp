@@ -2,10 +2,15 @@
 
 #include <cxxabi.h>
 #include <dlfcn.h>
+#include <pthread.h>
 #include <time.h>
 
 #define UNW_LOCAL_ONLY
 #include <libunwind.h>
+
+#if defined(__SANITIZE_THREAD__)
+#include <sanitizer/tsan_interface.h>
+#endif
 
 #include <boost/circular_buffer.hpp>
 #include <cstdlib>
@@ -17,6 +22,7 @@
 #include <sstream>
 
 #include "Tolan/Assert.h"
+#include "Tolan/Impl/ForkLocks.h"
 #include "Tolan/Locking.h"
 #include "Tolan/Thread.h"
 
@@ -31,8 +37,12 @@
 //
 // Frame accounting: capture() is inlined into the constructor and unwind(),
 // so unw_backtrace's first address is in one of them (slot 0, not kept) and
-// the next is in their caller. Neither is inlined into its caller nor leaves
-// by a tail call, which would shift that count.
+// the next is in their caller. Neither may be inlined into its caller, cloned
+// or left by a tail call, any of which would shift that count. `noinline`
+// alone is not enough: at -O3 GCC still put the constructor's body into
+// BacktraceTracker::backtraceIs, so frame 0 was the caller's caller. `noipa`
+// (no inlining, cloning or other interprocedural change) holds in every build
+// type, so an exception's frame 0 is always in the Tolan::Exception constructor.
 
 namespace Tolan {
 namespace {
@@ -49,21 +59,67 @@ double monotonicSeconds() noexcept {
   return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
 }
 
+// libunwind takes locks of its own while walking and registers no fork
+// handler: a child forked while another thread was inside unw_backtrace would
+// hang on its first stack. Captures share this lock; the fork handler takes it
+// exclusively, so no walk is under way at fork(). Writers first, so that a
+// steady stream of exceptions cannot hold fork() off.
+struct CaptureLock {
+  CaptureLock() noexcept {
+    pthread_rwlockattr_t attr;
+    pthread_rwlockattr_init(&attr);
+    pthread_rwlockattr_setkind_np(&attr, PTHREAD_RWLOCK_PREFER_WRITER_NONRECURSIVE_NP);
+    pthread_rwlock_init(&lock, &attr);
+    pthread_rwlockattr_destroy(&attr);
+  }
+  pthread_rwlock_t lock;
+};
+
+// The child of a fork gets a new lock rather than re-initialising the held
+// one in place; the old one stays, unused, for the life of the process.
+CaptureLock* gCaptureLock = nullptr;
+
+CaptureLock& captureLock() noexcept {
+  static const bool made = (gCaptureLock = new CaptureLock, true);
+  (void)made;
+  return *gCaptureLock;
+}
+
 }  // namespace
 
 inline __attribute__((always_inline)) void Backtrace::capture() noexcept {
   timestamp_ = monotonicSeconds();
+  pthread_rwlock_t& lock = captureLock().lock;
+  pthread_rwlock_rdlock(&lock);
+#if defined(__SANITIZE_THREAD__)
+  // unw_backtrace's per-thread cache is freed by a thread-exit destructor that
+  // takes a mutex after ThreadSanitizer has finished the thread, which crashes
+  // every thread that ever captured a stack. The cursor walk keeps no such
+  // cache; it is slower, which matters little in that build. Same frames.
+  int n = 0;
+  unw_context_t context;
+  unw_cursor_t cursor;
+  if (unw_getcontext(&context) == 0 && unw_init_local(&cursor, &context) == 0) {
+    unw_word_t ip = 0;
+    do {
+      if (unw_get_reg(&cursor, UNW_REG_IP, &ip) < 0 || ip == 0) break;
+      slots_[n++] = reinterpret_cast<void*>(ip);
+    } while (n < kSlots && unw_step(&cursor) > 0);
+  }
+#else
   const int n = unw_backtrace(slots_, kSlots);
+#endif
+  pthread_rwlock_unlock(&lock);
   frameCount_ = n > 1 ? static_cast<uint32_t>(n - 1) : 0;
 }
 
-__attribute__((noinline)) Backtrace::Backtrace(bool capture) noexcept
+__attribute__((noipa)) Backtrace::Backtrace(bool capture) noexcept
     : frameCount_(0), tid_(cachedGettid()), timestamp_(std::numeric_limits<double>::infinity()) {
   if (capture) this->capture();
   TOLAN_KEEP_FRAME_();
 }
 
-__attribute__((noinline)) void Backtrace::unwind() noexcept {
+__attribute__((noipa)) void Backtrace::unwind() noexcept {
   capture();
   TOLAN_KEEP_FRAME_();
 }
@@ -115,6 +171,26 @@ TrackerState& tracker() {
 }
 
 }  // namespace
+
+namespace Impl {
+void trackerForkPrepare() noexcept {
+  tracker().lock.lock();
+  pthread_rwlock_wrlock(&captureLock().lock);
+}
+void trackerForkParent() noexcept {
+  pthread_rwlock_unlock(&captureLock().lock);
+  tracker().lock.unlock();
+}
+void trackerForkChild() noexcept {
+#if defined(__SANITIZE_THREAD__)
+  // This thread write-locked the old one in prepare: tell the race detector it let go.
+  __tsan_mutex_pre_unlock(&gCaptureLock->lock, 0);
+  __tsan_mutex_post_unlock(&gCaptureLock->lock, 0);
+#endif
+  gCaptureLock = new CaptureLock;
+  tracker().lock.reinitialise();
+}
+}  // namespace Impl
 
 void BacktraceTracker::enabledIs(bool on) {
   TrackerState& t = tracker();

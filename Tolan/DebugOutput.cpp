@@ -97,6 +97,10 @@ thread_local SecondText tlsSecond;
 const SecondText& secondText(time_t second) {
   SecondText& t = tlsSecond;
   if (t.second != second) {
+    // localtime_r holds glibc's time-zone lock, which fork() does not reset.
+    // Under the global lock, which the fork handler takes before fork, no
+    // thread is inside it when a child is made. Once a second per thread.
+    Platform::LocoGuard guard;
     struct tm local;
     t.second = second;
     t.valid = localtime_r(&second, &local) != nullptr;

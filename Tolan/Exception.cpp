@@ -8,10 +8,16 @@
 #include <cstdlib>
 #include <typeinfo>
 
+#include "Tolan/Thread.h"
+
 namespace Tolan {
 namespace {
 
 std::atomic<bool> gThrowOnAssertFail{false};
+
+// Set on the thread whose failed assertion is ending the process: whatever
+// exception the runtime calls current there is one being handled, not the cause.
+thread_local bool tAssertionEnding = false;
 
 // Reports for a dying process go straight to the descriptor: one write per
 // piece, nothing left in a stream buffer when abort() comes.
@@ -71,6 +77,7 @@ TOLAN_THROW_EXCEPTION_(InvalidSizeException)
 void AssertException::throwException(const String& msg) {
   if (throwOnAssertFail()) throw AssertException(msg);
   writeStderr("Tolan::Assert aborting because: " + msg + "\n");
+  tAssertionEnding = true;
   std::terminate();
 }
 
@@ -85,16 +92,23 @@ void AssertException::throwException(const String& msg) {
 
 namespace {
 
-std::atomic<bool> gTerminating{false};
+// The thread writing the report, 0 before any.
+std::atomic<pid_t> gTerminatingThread{0};
 
 [[noreturn]] void terminateHandler() noexcept {
-  // A second failure while reporting (or a second thread dying at the same
-  // time) must not loop or interleave: the first report is the useful one.
-  if (gTerminating.exchange(true)) std::abort();
+  // The first report is the useful one. A failure while writing it ends the
+  // process at once; another thread terminating meanwhile waits for the
+  // abort that is coming, rather than abort with the report half written.
+  pid_t first = 0;
+  if (!gTerminatingThread.compare_exchange_strong(first, Tolan::gettid())) {
+    if (first == Tolan::gettid()) std::abort();
+    for (;;) pause();
+  }
   try {
     String report;
     bool ours = false;
-    if (const std::type_info* type = abi::__cxa_current_exception_type()) {
+    const std::type_info* type = tAssertionEnding ? nullptr : abi::__cxa_current_exception_type();
+    if (type) {
       const char* mangled = type->name();
       if (*mangled == '*') ++mangled;
       writeStderr("terminate called after throwing an instance of '" + typeName(mangled) + "'\n");

@@ -18,6 +18,11 @@
 // installed that reports the exception in flight (with its what() and so its
 // stack) or, when there is none or it is not one of ours, the stack of the
 // point of termination (unless TOLAN_BACKTRACE_VERBOSITY=0), then aborts.
+// A failed assertion that ends the process always reports its own stack,
+// even inside a catch block, where the runtime would name the handled
+// exception as the one in flight (and its old stack) instead. Only the first
+// thread to terminate reports: any other thread that terminates meanwhile
+// blocks for good, so the first report arrives whole before the abort.
 #pragma once
 
 #include <exception>

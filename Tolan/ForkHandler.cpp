@@ -7,6 +7,7 @@
 
 #include "Tolan/Assert.h"
 #include "Tolan/Errno.h"
+#include "Tolan/Impl/ForkLocks.h"
 
 namespace Tolan {
 namespace Platform {
@@ -15,11 +16,27 @@ namespace {
 std::atomic<bool> gForkedChild{false};
 std::atomic<bool> gHandlerRegistered{false};
 
+// Taken in the order code takes them, so that prepare cannot wait for one
+// lock while a thread holding it waits for the other.
+void prepareLocks() noexcept {
+  Impl::locoForkPrepare();
+  Impl::trackerForkPrepare();
+}
+void releaseLocksInParent() noexcept {
+  Impl::trackerForkParent();
+  Impl::locoForkParent();
+}
+void releaseLocksInChild() noexcept {
+  Impl::trackerForkChild();
+  Impl::locoForkChild();
+}
+
 }  // namespace
 
 void setupHandler() {
   if (gHandlerRegistered.exchange(true)) return;
-  const int rc = pthread_atfork(nullptr, nullptr, &handleFork);
+  int rc = pthread_atfork(&prepareLocks, &releaseLocksInParent, &releaseLocksInChild);
+  if (rc == 0) rc = pthread_atfork(nullptr, nullptr, &handleFork);
   if (rc != 0) {
     // pthread_atfork reports its error as the result, not in errno.
     std::fprintf(stderr, "Tolan failed to register atfork handler, reason: %s\n", Tolan::strerror(rc));

@@ -14,8 +14,11 @@
 namespace Tolan {
 namespace Platform {
 
-// Registers handleFork() as the child handler of pthread_atfork (no prepare
-// or parent handler). If registration fails, writes "Tolan failed to register
+// Registers handleFork() as a child handler of pthread_atfork, and the
+// handlers that keep the library's own locks usable in the child: they are
+// taken before fork() and released on both sides, so that a child forked while
+// another thread was tracing does not hang on its first trace line. fork()
+// therefore waits for a trace line being written. If registration fails, writes "Tolan failed to register
 // atfork handler, reason: <error>" on standard error and aborts the process.
 TOLAN_EXPORT void setupHandler();
 

@@ -4,6 +4,10 @@
 
 #include <system_error>
 
+#if defined(__SANITIZE_THREAD__)
+#include <sanitizer/tsan_interface.h>
+#endif
+
 #include "Tolan/Assert.h"
 
 // Without the threads library linked in (only possible with pre-2.34 glibc,
@@ -25,12 +29,29 @@ pthread_t self() noexcept { return threadsActive() ? pthread_self() : kNoThreads
 
 namespace Impl {
 
-OwnedMutex::OwnedMutex(int type) noexcept {
+OwnedMutex::OwnedMutex(int type) noexcept : type_(type) { init(); }
+
+void OwnedMutex::init() noexcept {
   pthread_mutexattr_t attr;
   pthread_mutexattr_init(&attr);
-  pthread_mutexattr_settype(&attr, type);
+  pthread_mutexattr_settype(&attr, type_);
   pthread_mutex_init(&mutex_, &attr);
   pthread_mutexattr_destroy(&attr);
+}
+
+// A mutex held in the parent cannot be unlocked in the child: glibc checks the
+// owner's kernel thread id, which the child's thread does not share.
+void OwnedMutex::reinitialise() noexcept {
+#if defined(__SANITIZE_THREAD__)
+  // Re-initialising does not reset what ThreadSanitizer knows: tell it that
+  // the holder (this very thread, if anyone) let go at every level.
+  if (owns_lock()) {
+    __tsan_mutex_pre_unlock(&mutex_, __tsan_mutex_recursive_unlock);
+    __tsan_mutex_post_unlock(&mutex_, __tsan_mutex_recursive_unlock);
+  }
+#endif
+  init();
+  owner_.store(0, std::memory_order_relaxed);
 }
 
 OwnedMutex::~OwnedMutex() { pthread_mutex_destroy(&mutex_); }

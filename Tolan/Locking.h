@@ -36,14 +36,19 @@ class TOLAN_EXPORT OwnedMutex {
   bool owns_lock() const noexcept;
   // Holding thread, 0 when free. For diagnostics only.
   pthread_t owner() const noexcept { return owner_.load(std::memory_order_relaxed); }
+  // For a fork() child handler only: makes the lock free, as if new. The
+  // child's only thread is the one that forked, so nothing else can hold it.
+  void reinitialise() noexcept;
 
  protected:
   explicit OwnedMutex(int type) noexcept;
   ~OwnedMutex();
+  void init() noexcept;
   // Clears the holder and releases one level of the mutex.
   void release(bool lastLevel) noexcept;
 
   pthread_mutex_t mutex_;
+  int type_;
   // Atomic only so that a non-holder may ask owns_lock() without a data race;
   // relaxed accesses compile to plain loads and stores.
   std::atomic<pthread_t> owner_{0};

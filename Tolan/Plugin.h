@@ -12,8 +12,10 @@
 //   static bool registered = (Tolan::Platform::registerPlugin(&plugin), true);
 //
 // Plugins are loaded with RTLD_NOW | RTLD_GLOBAL and never unloaded; the
-// registry holds plain pointers to objects the plugins own. All registry
-// access is serialised by the library-global lock, so any thread may load.
+// registry holds plain pointers to objects the plugins own. Any thread may
+// load: loads are serialised by a lock of their own, and the global lock is
+// held only around the registry, never across dlopen (so that a library
+// initialised on another thread may trace meanwhile).
 // Traces go to the "TolanPlugin" handle.
 #pragma once
 
@@ -39,7 +41,9 @@ class TOLAN_EXPORT Plugin {
 TOLAN_EXPORT void* loadPlugin(const char* name);
 
 // Enters `plugin` under its pluginName(). Registering a name twice is a
-// library assertion. Meant for a plugin library's static initialisation.
+// library assertion; during loadPlugin() it is raised by loadPlugin() once
+// dlopen has returned, since it cannot unwind out of the loader. Meant for a
+// plugin library's static initialisation.
 TOLAN_EXPORT void registerPlugin(Plugin* plugin);
 
 // The plugin registered under `name`, or null.

@@ -18,17 +18,13 @@ extern "C" __attribute__((noinline)) void tolanTestThrowRuntime(const Tolan::Str
 
 // Each class's throwException throws that very class, which names itself.
 TEST(Exception, EveryClassThrowsItselfWithItsMessageAndStack) {
+#define ROW_(Class) {&Tolan::Class::throwException, "Tolan::" #Class}
   const std::pair<void (*)(const Tolan::String&), const char*> rows[] = {
-      {&Tolan::MemoryResourceException::throwException, "Tolan::MemoryResourceException"},
-      {&Tolan::NoPermissionException::throwException, "Tolan::NoPermissionException"},
-      {&Tolan::UnimplementedException::throwException, "Tolan::UnimplementedException"},
-      {&Tolan::InvalidInitializeException::throwException, "Tolan::InvalidInitializeException"},
-      {&Tolan::RuntimeException::throwException, "Tolan::RuntimeException"},
-      {&Tolan::OutOfRangeException::throwException, "Tolan::OutOfRangeException"},
-      {&Tolan::CorruptionDetectedException::throwException, "Tolan::CorruptionDetectedException"},
-      {&Tolan::InvalidSizeException::throwException, "Tolan::InvalidSizeException"},
-      {&Tolan::AssertException::throwException, "Tolan::AssertException"},
+      ROW_(MemoryResourceException), ROW_(NoPermissionException), ROW_(UnimplementedException),
+      ROW_(InvalidInitializeException), ROW_(RuntimeException), ROW_(OutOfRangeException),
+      ROW_(CorruptionDetectedException), ROW_(InvalidSizeException), ROW_(AssertException),
       {&tolanTestThrowRuntime, "Tolan::RuntimeException"}};
+#undef ROW_
   for (auto [thrower, name] : rows) {
     try {
       thrower("oops");
@@ -167,6 +163,14 @@ TEST(ProcessEndDeathTest, AFailedAssertionTracesThenReportsThenAborts) {
     failingAssertion();
   });
   const std::string quiet = stderrOfDeath("0", [] { failingAssertion(); });
+  // Inside a catch block the runtime calls the handled exception current.
+  const std::string inCatch = stderrOfDeath(nullptr, [] {
+    try {
+      Tolan::RuntimeException::throwException("handled");
+    } catch (const Tolan::Exception&) {
+      failingAssertion();
+    }
+  });
   const std::string message = fmt::format("{}:{}: impossible ordering", __FILE__, kFailingAssertionLine);
   // The trace line (level 0, default handle), the report, then the stack.
   const size_t traced = err.find(" Tolan 0 " + message + "\n");
@@ -174,6 +178,9 @@ TEST(ProcessEndDeathTest, AFailedAssertionTracesThenReportsThenAborts) {
   const size_t stack = err.find("Backtrace:\n");
   EXPECT_TRUE(traced < aborting && aborting < stack && stack != std::string::npos) << err;
   EXPECT_THAT(err, Not(HasSubstr("terminate called")));  // nothing was in flight
+  // The stack is the assertion's (its failure function is exported), never the handled exception's.
+  EXPECT_THAT(err, HasSubstr("assertFailV"));
+  EXPECT_THAT(inCatch, AllOf(HasSubstr("assertFailV"), Not(HasSubstr("handled")))) << inCatch;
   EXPECT_THAT(quiet, EndsWith("Tolan::Assert aborting because: " + message + "\n"));
   EXPECT_THAT(quiet, Not(HasSubstr("Backtrace:")));
 }
@@ -197,6 +204,23 @@ TEST(ProcessEndDeathTest, TerminateReportsWhatWasInFlightAndAStackUnlessQuiet) {
     quiet.push_back(stderrOfDeath("0", c.fn));
   }
   const std::string local = stderrOfDeath("0", [] { raiseUncaught(LocalOnly{}); });
+  // A second thread terminates while the first is writing its report: it
+  // must wait, and the first report arrives whole.
+  const std::string racing = stderrOfDeath(nullptr, [] {
+    static std::atomic<bool> reporting{false};
+    struct Slow : std::exception {
+      const char* what() const noexcept override {
+        reporting = true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));  // room for the other to arrive
+        return "slow";
+      }
+    };
+    std::thread first([] { raiseUncaught(Slow()); });
+    while (!reporting) {
+    }
+    raiseUncaught(std::runtime_error("second"));
+  });
+  EXPECT_THAT(racing, AllOf(HasSubstr("  what(): slow\nTimestamp:"), EndsWith("]\n\n"), Not(HasSubstr("second"))));
   for (size_t i = 0; i < std::size(cases); ++i) {
     SCOPED_TRACE(cases[i].report);
     EXPECT_THAT(verbose[i], StartsWith(cases[i].report + "Timestamp:"));
@@ -208,7 +232,9 @@ TEST(ProcessEndDeathTest, TerminateReportsWhatWasInFlightAndAStackUnlessQuiet) {
     }
     EXPECT_EQ(count(quiet[i], "Backtrace:\n"), cases[i].ownStack ? 1u : 0u);
   }
+#if !defined(__SANITIZE_THREAD__)  // instrumented frames have cleanups: the runtime ends it from _Unwind_Resume
   EXPECT_THAT(verbose[0], HasSubstr("(__cxa_throw+0x"));  // the stack is taken with the throw still on it
+#endif
   // A type local to its translation unit has a '*' before its mangled name.
   EXPECT_EQ(local, head + "'(anonymous namespace)::LocalOnly'\n");
 }

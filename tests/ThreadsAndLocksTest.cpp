@@ -95,14 +95,26 @@ TEST(Locking, ConditionalGuardReleasesOnlyWhenAskedAndOwned) {
   }
   EXPECT_TRUE(lock.owns_lock());
   lock.unlock();
-  // Released early and handed to another thread meanwhile: the guard must
-  // neither unlock twice (an assertion thrown from a destructor) nor take it back.
+  // Released early and taken by another thread meanwhile: the guard must
+  // neither unlock twice (an assertion thrown from a destructor) nor take it
+  // back. The other thread releases it before the lock is destroyed.
+  std::atomic<int> step{0};
+  std::thread holder;
   {
     ConditionalGuard guard(lock);
     lock.unlock();
-    inThread([&] { ASSERT_TRUE(lock.try_lock()); });
+    holder = std::thread([&] {
+      lock.lock();
+      for (step = 1; step != 2;) {
+      }
+      lock.unlock();
+    });
+    while (step != 1) {
+    }
   }
   EXPECT_NE(lock.owner(), pthread_t{0});
+  step = 2;
+  holder.join();
 }
 
 TEST(Locking, TheGlobalLockIsOneRecursiveLock) {
@@ -124,6 +136,7 @@ TEST(Thread, IdentityFollowsThreadsAndFork) {
   auto other = [](pid_t& tid) {
     tid = Tolan::gettid();
     EXPECT_EQ(Tolan::cachedGettid(), tid);
+    EXPECT_EQ(Tolan::Backtrace(true).tid(), tid);  // a stack names the thread that took it
     EXPECT_FALSE(Tolan::isMainThread());
     EXPECT_FALSE(commOf(tid).empty());  // a real thread of this process
   };
@@ -133,7 +146,7 @@ TEST(Thread, IdentityFollowsThreadsAndFork) {
   EXPECT_NE(a, getpid());
   EXPECT_NE(a, b);
   // A forked child inherits the parent's cached value; it must not keep it.
-  EXPECT_EQ(exitStatusInChild([] { return Tolan::cachedGettid() == getpid() ? 0 : 1; }), 0);
+  EXPECT_EQ(exitStatusInChild([] { return Tolan::cachedGettid() == getpid() && Tolan::Backtrace(true).tid() == getpid() ? 0 : 1; }), 0);
 }
 
 TEST(Thread, NamesUpToFifteenCharactersButNotTheProcessName) {

@@ -17,7 +17,7 @@ target_link_options(ut_incompat_probe PRIVATE -Wl,--no-as-needed)
 set_target_properties(ut_incompat_probe PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR})
 
 # name -> the plugin name it registers ("" registers nothing)
-set(UT_PLUGINS "utgood=utgood" "utsilent=" "utdup=utdup" "utdup2=utdup")
+set(UT_PLUGINS "utgood=utgood" "utsilent=" "utdup=utdup" "utdup2=utdup" "utwaiter=")
 set(UT_PLUGIN_TARGETS)
 foreach(entry ${UT_PLUGINS})
   string(REPLACE "=" ";" parts "${entry}")
@@ -37,7 +37,9 @@ foreach(entry ${UT_PLUGINS})
   list(APPEND UT_PLUGIN_TARGETS ${lib}_plugin)
 endforeach()
 
+target_compile_definitions(utwaiter_plugin PRIVATE UT_WAITER)
 if(TARGET ForkPluginTest)
+  set_target_properties(ForkPluginTest PROPERTIES ENABLE_EXPORTS ON)  # for utwaiter
   add_dependencies(ForkPluginTest ${UT_PLUGIN_TARGETS} ut_probe ut_incompat_probe)
   # dlopen from libTolan searches the executable's DT_RPATH (not RUNPATH).
   target_link_options(ForkPluginTest PRIVATE -Wl,--disable-new-dtags -Wl,-rpath,${UT_PLUGIN_DIR})

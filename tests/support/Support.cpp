@@ -96,11 +96,15 @@ void ForkedChild::finish() {
   pid_ = -1;
 }
 
-int exitStatusInChild(const std::function<int()>& body) {
+int exitStatusInChild(const std::function<int()>& body, std::chrono::seconds limit) {
   const pid_t pid = fork();
   if (pid == 0) _exit(body());
+  const auto deadline = std::chrono::steady_clock::now() + limit;
   int status = 0;
-  waitpid(pid, &status, 0);
+  while (waitpid(pid, &status, WNOHANG) == 0) {
+    if (std::chrono::steady_clock::now() > deadline) kill(pid, SIGKILL);
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 

@@ -115,8 +115,9 @@ class ForkedChild {
   char report_ = 0;
 };
 
-// Exit status of `body` run in a forked child, or 128 + the killing signal.
-int exitStatusInChild(const std::function<int()>& body);
+// Exit status of `body` run in a forked child, or 128 + the killing signal;
+// a child still running after `limit` is killed (SIGKILL: 137).
+int exitStatusInChild(const std::function<int()>& body, std::chrono::seconds limit = std::chrono::seconds(60));
 
 // A pid that names no process: that of a child already reaped.
 pid_t exitedPid();
