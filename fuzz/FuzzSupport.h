@@ -6,6 +6,9 @@
 // small, and a target can check what would have been printed.
 #pragma once
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cstdlib>
 #include <iostream>
 #include <streambuf>
@@ -40,18 +43,29 @@ class CaptureBuffer : public std::streambuf {
   std::string text_;
 };
 
+// The pipe that trace lines go to when captureStandardStreams has no file.
+inline int gTracePipe[2] = {-1, -1};
+
 // Captures std::cout and std::cerr for the whole run, and sends trace lines
-// to `traceFile` (or, when null, to std::cerr and so into the capture).
+// to `traceFile` or, when null, to a pipe that drainTrace() empties. Trace
+// lines are written to a descriptor, whole, so a stream buffer cannot catch them.
 inline void captureStandardStreams(CaptureBuffer& out, CaptureBuffer& err, const char* traceFile) {
   Tolan::throwOnAssertFailIs(true);
   std::cout.rdbuf(&out);
   std::cerr.rdbuf(&err);
-  if (traceFile) {
-    setenv("TRACEFILE", traceFile, 1);
-  } else {
-    unsetenv("TRACEFILE");
+  std::string file = traceFile ? traceFile : "";
+  if (!traceFile) {
+    if (pipe2(gTracePipe, O_CLOEXEC | O_NONBLOCK) != 0) std::abort();
+    file = "/proc/self/fd/" + std::to_string(gTracePipe[1]);
   }
+  setenv("TRACEFILE", file.c_str(), 1);
   Tolan::Platform::setupTolanDebug("");  // (re)opens the trace file
+}
+
+// Appends to `into` the trace lines written since the last call.
+inline void drainTrace(CaptureBuffer& into) {
+  char buffer[4096];
+  for (ssize_t n; (n = read(gTracePipe[0], buffer, sizeof buffer)) > 0;) into.sputn(buffer, n);
 }
 
 // For targets that only need failed assertions thrown: their trace lines go

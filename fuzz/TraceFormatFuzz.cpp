@@ -22,7 +22,7 @@ std::shared_ptr<Tolan::Platform::DebugHandler>& handler() {
 }
 
 bool init() {
-  TolanFuzz::captureStandardStreams(gOut, gErr, nullptr);  // trace lines into gErr
+  TolanFuzz::captureStandardStreams(gOut, gErr, nullptr);  // trace lines into a pipe
   Tolan::Platform::setupTolanDebug("TolanFuzz/*");
   return true;
 }
@@ -82,6 +82,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     gErr.clear();
     TOLAN_TRACE(handler(), 5, "fuzz {}", raw.size());
+    TolanFuzz::drainTrace(gErr);
     const std::string tail = "fuzz " + std::to_string(raw.size()) + "\n";
     const std::string& line = gErr.text();
     if (line.size() < tail.size() || line.compare(line.size() - tail.size(), tail.size(), tail) != 0 ||
