@@ -206,10 +206,8 @@ void printRatio(const TolanBench::KeepingReporter& r, const char* what, const st
 }  // namespace
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   TolanBench::KeepingReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
+  if (!TolanBench::runBenchmarks(argc, argv, reporter)) return 1;
   std::printf("\nSummary (CPU time per operation, %d-frame stack):\n", kStackFrames);
   printRatio(reporter, "Tolan::Backtrace / unw_backtrace", "Capture_Tolan", "Capture_unw_backtrace");
   printRatio(reporter, "Tolan::Backtrace / glibc backtrace()", "Capture_Tolan", "Capture_glibc_backtrace");

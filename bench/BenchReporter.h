@@ -49,4 +49,13 @@ class KeepingReporter : public benchmark::ConsoleReporter {
   std::map<std::string, Run> runs_;
 };
 
+// Parses the benchmark flags and runs the selected benchmarks into
+// `reporter`; false (after saying so) when a flag is unknown.
+inline bool runBenchmarks(int& argc, char** argv, KeepingReporter& reporter) {
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return false;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  return true;
+}
+
 }  // namespace TolanBench

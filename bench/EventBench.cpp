@@ -207,10 +207,8 @@ BENCHMARK(BM_FastForwardStep)->Arg(10000)->ComputeStatistics("min", minimum)->Un
 }  // namespace
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   TolanBench::KeepingReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
+  if (!TolanBench::runBenchmarks(argc, argv, reporter)) return 1;
   std::printf("\nTolan / raw libevent, CPU time per operation (goal <= 1.20):\n");
   for (const char* pair : {"Callback", "Timer", "Pipe"}) {
     const double ours = reporter.cpuNs(std::string("BM_") + pair + "_Tolan", "min");

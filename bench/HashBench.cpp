@@ -79,11 +79,9 @@ BENCHMARK(BM_StdHash) HASH_SIZES;
 }  // namespace
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   // CPU rather than wall time: the machines we share are often busy.
   TolanBench::KeepingReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
+  if (!TolanBench::runBenchmarks(argc, argv, reporter)) return 1;
   benchmark::Shutdown();
 
   const struct {

@@ -205,10 +205,8 @@ BENCHMARK(BM_BareRapidJson)->Unit(benchmark::kMillisecond);
 }  // namespace
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   TolanBench::KeepingReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
+  if (!TolanBench::runBenchmarks(argc, argv, reporter)) return 1;
   const double ours = reporter.cpuNs("BM_SnapshotAndRender"), bare = reporter.cpuNs("BM_BareRapidJson");
   const double snap = reporter.cpuNs("BM_SnapshotOnly"), rend = reporter.cpuNs("BM_RenderOnly");
   const double bytes = reporter.counter("BM_SnapshotAndRender", "bytes");

@@ -118,10 +118,8 @@ int summarize(const TolanBench::KeepingReporter& r) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   TolanBench::KeepingReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
+  if (!TolanBench::runBenchmarks(argc, argv, reporter)) return 1;
   benchmark::Shutdown();
   return summarize(reporter);
 }

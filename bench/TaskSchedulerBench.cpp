@@ -230,10 +230,8 @@ double perRun(const TolanBench::KeepingReporter& r, const std::string& name) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   TolanBench::KeepingReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
+  if (!TolanBench::runBenchmarks(argc, argv, reporter)) return 1;
   std::printf("\nDispatch, CPU ns per task run (median of repetitions when given):\n");
   std::printf("  %6s %9s %9s %7s | %9s %7s | %9s %9s | %9s %7s\n", "tasks", "Tolan", "raw", "ratio",
               "Tolan/db", "ratio", "rawLibB", "flag+", "Tolan64", "ratio");

@@ -239,9 +239,8 @@ TOLAN_RUNS(BM_Wheel_StartExpire, 200);
 TOLAN_RUNS(BM_Libevent_StartExpire, 50);
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
   TolanBench::KeepingReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
+  if (!TolanBench::runBenchmarks(argc, argv, reporter)) return 1;
   // CPU ns per timer, 0 when it did not run.
   auto ns = [&](const std::string& name, int64_t n) {
     const std::string key = name + "/" + std::to_string(n);

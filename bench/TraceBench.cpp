@@ -240,10 +240,8 @@ int main(int argc, char** argv) {
   gFileLogger->set_level(spdlog::level::trace);
   gFileLogger->flush_on(spdlog::level::trace);
 
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   TolanBench::KeepingReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
+  if (!TolanBench::runBenchmarks(argc, argv, reporter)) return 1;
   const bool ok = summarise(reporter);
   benchmark::Shutdown();
 
