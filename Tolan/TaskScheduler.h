@@ -265,5 +265,6 @@ struct fmt::formatter<T, char, std::enable_if_t<std::is_base_of<Tolan::TaskSched
   }
 };
 
-// The root completes the umbrella.
+// The root, timer tasks and task groups complete the umbrella.
 #include "Tolan/TaskSchedulerRoot.h"
+#include "Tolan/TimerTask.h"
