@@ -123,11 +123,13 @@ void TimerTask::scheduleTaskJitter(Time delay, unsigned char maxJitterPercentage
 }
 
 void TimerTask::scheduleTaskDelayedPrivate(Time delay, bool restart) {
+  const TaskTimePoint now = Impl::taskNow();
   if (delay == 0.0) {
+    // The task runs as soon as it can; an armed timer would run it twice.
+    stopTimer(now);
     scheduleTask();
     return;
   }
-  const TaskTimePoint now = Impl::taskNow();
   if (restart) {
     unscheduleTaskPrivate(now);
   } else if (taskOnRunQueue()) {
@@ -150,14 +152,16 @@ void TimerTask::scheduleTaskDelayedPrivate(Time delay, bool restart) {
 void TimerTask::stopTimerTask() {
   sanityCheckCurrentRunningThread();
   const TaskTimePoint now = Impl::taskNow();
-  if (timerRunning()) {
-    TOLAN_TRACE(dbg(), 9, "Timer stopped {}, was running", *this);
-    scheduler_->history().insertTaskEvent(now, Type::timerStop, taskName_);
-    TimerWheelEvent::delTimeout(wheel());
-  } else {
-    TOLAN_TRACE(dbg(), 9, "Timer stopped {}, was not running", *this);
-  }
+  if (!stopTimer(now)) TOLAN_TRACE(dbg(), 9, "Timer stopped {}, was not running", *this);
   unscheduleTaskPrivate(now);
+}
+
+bool TimerTask::stopTimer(TaskTimePoint now) {
+  if (!timerRunning()) return false;
+  TOLAN_TRACE(dbg(), 9, "Timer stopped {}, was running", *this);
+  scheduler_->history().insertTaskEvent(now, Type::timerStop, taskName_);
+  TimerWheelEvent::delTimeout(wheel());
+  return true;
 }
 
 void TimerTask::timeout() { scheduleTask(); }

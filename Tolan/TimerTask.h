@@ -51,7 +51,8 @@ class TOLAN_EXPORT TimerTask : public TaskImpl, private TimerWheelEvent {
   ~TimerTask() override;
 
   // Run after `delay`; an armed timer is re-armed, whether sooner or later,
-  // and a queued task leaves its queue until then. 0 queues the task now;
+  // and a queued task leaves its queue until then. 0 queues the task now
+  // (and disarms an armed timer, here and in the other forms);
   // +infinity stops it. A negative delay (or NaN) fails the assertion
   // "time2Duration() negative Time input".
   void scheduleTaskDelay(Time delay);
@@ -97,6 +98,8 @@ class TOLAN_EXPORT TimerTask : public TaskImpl, private TimerWheelEvent {
   // The wheel fired: the task joins its run queue.
   void timeout() override;
   void scheduleTaskDelayedPrivate(Time delay, bool restart);
+  // Disarms an armed timer with its history event; false when not armed.
+  bool stopTimer(TaskTimePoint now);
   void scheduleTaskJitter(Time delay, unsigned char maxJitterPercentage, bool up);
   const std::shared_ptr<TimerWheel>& wheel() const noexcept;
 };
