@@ -247,6 +247,10 @@ class TOLAN_EXPORT TaskImpl : public _TaskBase {
   // The start of destruction: unschedules, unregisters, marks the task
   // destroyed. Called again by ~TaskImpl only if a subclass did not call it.
   void handleDestroy();
+  // Takes the task off its run queue (if on one) at `now`, then updates the
+  // busy flag; the thread check is the caller's.
+  void unscheduleTaskPrivate(TaskTimePoint now);
+  bool taskOnRunQueue() const noexcept { return taskRunQueueLink_.isLinked(); }
 
  private:
   friend class TaskScheduler;
@@ -254,7 +258,6 @@ class TOLAN_EXPORT TaskImpl : public _TaskBase {
 
   void construct();
   void taskBusyChange(bool busy, TaskTimePoint now);
-  void unscheduleTaskPrivate(TaskTimePoint now);
   // One run picked by the scheduler at `now`; `end` receives the end time.
   void taskDoRun(TaskTimePoint now, TaskTimePoint& end);
   void finishRun(TaskTimePoint& end);

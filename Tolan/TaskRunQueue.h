@@ -30,6 +30,7 @@ class TOLAN_EXPORT TaskRunQueue {
 
   // The first task of the current list, or null.
   TaskImpl* front() noexcept { return current_->front(); }
+  const TaskImpl* front() const noexcept { return current_->front(); }
   // Tasks on the queue: enqueued - dequeued.
   uint64_t pending() const noexcept { return enqueued_ - dequeued_; }
   uint64_t enqueued() const noexcept { return enqueued_; }

@@ -62,7 +62,7 @@ void TaskSchedulerHistory::insert(const TaskTimePoint& when, TaskSchedulerEventT
 class TaskScheduler::ResetStatsTask final : public TaskImpl {
  public:
   explicit ResetStatsTask(TaskScheduler* scheduler)
-      : TaskImpl(NotOwningScheduler{}, scheduler, TaskPriority::low, scheduler->schedulerName() + ";ResetStats") {
+      : TaskImpl(NotOwningScheduler{}, scheduler, scheduler->ownTaskPriority_, scheduler->schedulerName() + ";ResetStats") {
     includeInCompletedTaskIs(false);
   }
   ~ResetStatsTask() override { handleDestroy(); }

@@ -215,6 +215,9 @@ class TOLAN_EXPORT TaskScheduler : public std::enable_shared_from_this<TaskSched
   // Destroys the tasks the scheduler owns itself (the reset task); derived
   // destructors call it first, while the whole scheduler still exists.
   void destroyOwnTasks() noexcept;
+  // The priority of the tasks the scheduler makes for itself (the reset
+  // task): low unless a scheduler accepts only one priority.
+  void ownTaskPriorityIs(TaskPriority p) noexcept { ownTaskPriority_ = p; }
 
  private:
   friend class TaskImpl;
@@ -244,6 +247,7 @@ class TOLAN_EXPORT TaskScheduler : public std::enable_shared_from_this<TaskSched
   TaskTimeDuration maxSchedulerLatency_{0};
   TaskTimeDuration defaultTaskQuantum_{kDefaultTaskQuantum};
   double virtualRunStart_ = 0;
+  TaskPriority ownTaskPriority_ = TaskPriority::low;
   bool schedulerHasRunnableTasks_ = false;
   TaskKey currentTaskKey_;
   TaskImpl* currentTaskPtr_ = nullptr;
@@ -266,5 +270,7 @@ struct fmt::formatter<T, char, std::enable_if_t<std::is_base_of<Tolan::TaskSched
   }
 };
 
-// The root completes the umbrella.
+// The root, timer tasks and task groups complete the umbrella.
 #include "Tolan/TaskSchedulerRoot.h"
+#include "Tolan/TimerTask.h"
+#include "Tolan/TaskGroup.h"

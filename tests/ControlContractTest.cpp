@@ -5,6 +5,8 @@
 // through what all controls share (Control: arm, disarm, pending). Timer rows
 // also run TimerContract. The task-backed controls join as one more row in
 // kTimers and one in kCallbacks, whose factories make them on a scheduler.
+#include "Tolan/TaskControl.h"
+#include "Tolan/TaskScheduler.h"
 #include "Tolan/TimerWheel.h"
 #include "support/Support.h"
 
@@ -35,8 +37,15 @@ struct Row {
 const Row kTimers[] = {
     {"Libevent", [](Counting* h) { return Control{getTimerControl(h), nullptr}; }},
     {"LibeventStrictHigh", [](Counting* h) { return Control{getTimerControl(h, eventPriorityStrictHigh), nullptr}; }},
-    {"TimerWheel", [](Counting* h) { return Control{getTimerControl(h, testWheel()), nullptr}; }}};
-const Row kCallbacks[] = {{"Libevent", [](Counting* h) { return Control{nullptr, getCallbackControl(h)}; }}};
+    {"TimerWheel", [](Counting* h) { return Control{getTimerControl(h, testWheel()), nullptr}; }},
+    {"Task", [](Counting* h) {
+       return Control{getTimerControl(h, Tolan::schedulerRootTolan(), Tolan::TaskPriority::normal, "timer"), nullptr};
+     }}};
+const Row kCallbacks[] = {
+    {"Libevent", [](Counting* h) { return Control{nullptr, getCallbackControl(h)}; }},
+    {"Task", [](Counting* h) {
+       return Control{nullptr, getCallbackControl(h, Tolan::schedulerRootTolan(), Tolan::TaskPriority::normal, "cb")};
+     }}};
 
 // The event library keeps microseconds; under fast-forward a jump lands 100
 // microseconds past the timer it aims at.
