@@ -28,7 +28,9 @@
 // remains, the read half is scheduled again after each run (level
 // triggered). Writability is one-shot: the write half switches it off before
 // it runs taskExecuteWritable(), which calls taskWatchWritableIs(true) again
-// when it still has output.
+// when it still has output. A run may find nothing to do (a report taken
+// before an earlier run drained the descriptor): read until EAGAIN and take
+// it in stride.
 //
 // Descriptor contract: call taskWatchFdDel() (or destroy the task) before
 // closing the descriptor. A closed descriptor's number is soon reused by the
