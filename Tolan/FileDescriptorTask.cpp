@@ -15,6 +15,14 @@
 // task holds which number; a task that watches a held number makes the
 // holder let go first, and every taskWatchFdIs() unregisters before it
 // registers, so the kernel is always asked to watch the new file.
+//
+// Reports for a half that is already queued: readiness is level triggered
+// and the scheduler runs one task per loop pass, so every pass re-reports
+// each readable descriptor whose half has not run yet (1,000 ready sockets
+// make about half a million reports before the last one runs). Such a
+// repeat is dropped before anything else: no history event (it would push
+// every useful event out of the ring) and no clock read. Only the report
+// that queues the half is recorded as "fdReadable"/"fdWritable".
 #include "Tolan/FileDescriptorTask.h"
 
 #include <unordered_map>
@@ -201,6 +209,7 @@ void FileDescriptorTask::checkCreateWriteTask() {
 void FileDescriptorTask::readFdEvent(int fd) {
   TOLAN_ASSERT_C(watchReadable_, FileDescriptorTask, "readFdEvent() called with taskWatchReadable off");
   TOLAN_ASSERT_C(fd == fd_, FileDescriptorTask, "Notified about {} watching {}", fd, fd_);
+  if (readTask_->taskScheduled()) return;  // the repeat of a level-triggered report (see the top)
   scheduler_->history().insertTaskEvent(Impl::taskNow(), TaskSchedulerEventType::fdReadable, taskName_);
   readTask_->scheduleTask();
 }
@@ -208,6 +217,7 @@ void FileDescriptorTask::readFdEvent(int fd) {
 void FileDescriptorTask::writeFdEvent(int fd) {
   TOLAN_ASSERT_C(watchWritable_, FileDescriptorTask, "writeFdEvent() called with taskWatchWritable off");
   TOLAN_ASSERT_C(fd == fd_, FileDescriptorTask, "Notified about {} watching {}", fd, fd_);
+  if (writeTask_->taskScheduled()) return;
   scheduler_->history().insertTaskEvent(Impl::taskNow(), TaskSchedulerEventType::fdWritable, taskName_);
   writeTask_->scheduleTask();
 }
