@@ -22,7 +22,13 @@
 // make about half a million reports before the last one runs). Such a
 // repeat is dropped before anything else: no history event (it would push
 // every useful event out of the ring) and no clock read. Only the report
-// that queues the half is recorded as "fdReadable"/"fdWritable".
+// that queues the half is recorded as "fdReadable"/"fdWritable". A read
+// half that keeps waiting has its read interest taken off the event loop
+// after kRepeatsBeforePause repeats, so that the kernel stops reporting it,
+// and given back as soon as the half leaves its queue (it runs, or is
+// unscheduled in any way): two epoll_ctl() calls for a task that waits
+// long, none for one that runs on the next pass, which is the usual case
+// (its one repeat comes in the pass that runs it).
 #include "Tolan/FileDescriptorTask.h"
 
 #include <unordered_map>
@@ -39,6 +45,7 @@ namespace {
 inline Platform::DebugHandler& dbg() noexcept { return Impl::taskSchedulerDebug(); }
 
 constexpr const char* kNoWriteTask = "WriteTask not created by taskWatchWritableIs( true )";
+constexpr uint8_t kRepeatsBeforePause = 16;
 
 // The descriptor tasks of this thread by watched number. Allocated while
 // any number is held, so nothing is left to destroy at thread exit.
@@ -77,7 +84,9 @@ class FileDescriptorTask::ReadWriteTaskBase : public Task {
 
   // A half is busy while either half is queued.
   void handleTaskBusy() override {
-    if (owner_) taskBusyIs(owner_->eitherHalfScheduled(), Impl::taskNow());
+    if (!owner_) return;
+    if (owner_->readPaused_ && !owner_->readTask()->taskScheduled()) owner_->resumeReadInterest();
+    taskBusyIs(owner_->eitherHalfScheduled(), Impl::taskNow());
   }
 
   FileDescriptorTask* owner_;
@@ -98,6 +107,7 @@ class FileDescriptorTask::ReadTask : public ReadWriteTaskBase {
     FileDescriptorTask& fdTask = owner();
     const std::shared_ptr<_TaskBase> keep = fdTask.weak_from_this().lock();
     TOLAN_ASSERT_C(fdTask.watchReadable_, ReadTask, "ReadTask should only run if taskWatchReadable");
+    fdTask.resumeReadInterest();
     fdTask.runHalf(*this, true);
   }
   // The descriptor task is not registered itself: pass the reset on to it.
@@ -180,8 +190,16 @@ void FileDescriptorTask::descriptorLost(const FileDescriptorTask& taker) {
   fd_ = -1;
 }
 
+void FileDescriptorTask::resumeReadInterest() {
+  readRepeats_ = 0;
+  if (!readPaused_) return;
+  readPaused_ = false;
+  if (control_ && watchReadable_) control_->setReads(true);
+}
+
 void FileDescriptorTask::taskWatchReadableIs(bool on) {
   if (on == watchReadable_) return;
+  readPaused_ = false;
   watchReadable_ = on;
   control_->setReads(on);
   if (!on) readTask_->unscheduleTask();
@@ -209,7 +227,14 @@ void FileDescriptorTask::checkCreateWriteTask() {
 void FileDescriptorTask::readFdEvent(int fd) {
   TOLAN_ASSERT_C(watchReadable_, FileDescriptorTask, "readFdEvent() called with taskWatchReadable off");
   TOLAN_ASSERT_C(fd == fd_, FileDescriptorTask, "Notified about {} watching {}", fd, fd_);
-  if (readTask_->taskScheduled()) return;  // the repeat of a level-triggered report (see the top)
+  if (readTask_->taskScheduled()) {  // the repeat of a level-triggered report (see the top)
+    if (++readRepeats_ == kRepeatsBeforePause) {
+      readPaused_ = true;
+      control_->setReads(false);
+    }
+    return;
+  }
+  readRepeats_ = 0;
   scheduler_->history().insertTaskEvent(Impl::taskNow(), TaskSchedulerEventType::fdReadable, taskName_);
   readTask_->scheduleTask();
 }

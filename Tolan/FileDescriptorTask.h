@@ -174,9 +174,13 @@ class TOLAN_EXPORT FileDescriptorTask : public _TaskBase, private Platform::FdEv
   void descriptorLost(const FileDescriptorTask& taker);
   void runHalf(TaskImpl& half, bool readable);
   bool eitherHalfScheduled() const;
+  // Gives back read interest taken off while the read half waited.
+  void resumeReadInterest();
 
   bool watchReadable_ = false;
   bool watchWritable_ = false;
+  bool readPaused_ = false;
+  uint8_t readRepeats_ = 0;
   int fd_ = -1;
   std::shared_ptr<Platform::FdControl> control_;
   std::shared_ptr<ReadTask> readTask_;

@@ -317,6 +317,27 @@ TEST_F(FdTask, AThousandTasksOnOneThread) {
   }
 }
 
+// A read half kept waiting (an absolute task runs 40 passes first) stops
+// being re-reported for a while; whatever way it leaves its queue, it hears
+// its descriptor again, including data left behind by a short read.
+TEST_F(FdTask, LongWaitingReadHalfHearsItsDescriptorAgain) {
+  for (int leave : {0, 1, 2}) {  // by running; by a new watch; by suspension
+    SCOPED_TRACE(leave);
+    FdPair pair;
+    auto p = probe("p", pair.a);
+    p->onRead = [](FdProbe& self) { self.readSome(1); };
+    auto hog = task(TaskPriority::absolute, "hog", [](Probe& self) {
+      if (self.taskRunCount() < 40) self.scheduleTask();
+    });
+    hog->scheduleTask();
+    send(pair.b, "abc");
+    EXPECT_TRUE(runUntil([&] { return hog->taskRunCount() == 40; }));
+    if (leave == 1) p->taskWatchFdIs(pair.a);
+    if (leave == 2) p->taskSuspendedIs(true), p->taskSuspendedIs(false);
+    EXPECT_TRUE(runUntil([&] { return p->received == "abc"; }, 2.0));
+  }
+}
+
 // A handler may drop the last owner of its task (end of a connection).
 TEST_F(FdTask, HandlerMayDropItsTask) {
   FdPair pair;
