@@ -3,19 +3,15 @@
 #pragma once
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
-#include <functional>
-
-#include "Tolan/Platform.h"
 #include "support/Support.h"
 
 namespace TolanTest {
 
-// Two connected descriptors: `a` and `b` (for a pipe, `a` reads and `b` writes).
+// Two connected descriptors: `a` and `b` (for a pipe, `a` reads and `b` writes;
+// for TCP on 127.0.0.1, `a` is the accepted end).
 struct FdPair {
   enum Kind { socketPair, pipe, tcp };
   explicit FdPair(Kind kind = socketPair) {
@@ -25,45 +21,30 @@ struct FdPair {
     } else if (kind == pipe) {
       EXPECT_EQ(::pipe(fds), 0);
     } else {
-      tcpConnect(fds);
+      const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
+      sockaddr_in addr{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+      socklen_t len = sizeof addr;
+      auto* any = reinterpret_cast<sockaddr*>(&addr);
+      EXPECT_TRUE(::bind(listener, any, len) == 0 && ::listen(listener, 1) == 0 && ::getsockname(listener, any, &len) == 0);
+      fds[1] = ::socket(AF_INET, SOCK_STREAM, 0);
+      EXPECT_EQ(::connect(fds[1], any, len), 0);
+      fds[0] = ::accept(listener, nullptr, nullptr);
+      ::close(listener);
     }
     a = fds[0];
     b = fds[1];
   }
-  ~FdPair() {
-    closeA();
-    closeB();
-  }
+  ~FdPair() { closeA(), closeB(); }
   void closeA() { a = a >= 0 ? ::close(a), -1 : -1; }
   void closeB() { b = b >= 0 ? ::close(b), -1 : -1; }
   int a, b;
-
- private:
-  // fds[0]: the accepted end, fds[1]: the connecting end, both on 127.0.0.1.
-  static void tcpConnect(int fds[2]) {
-    const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof addr;
-    EXPECT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&addr), len), 0);
-    EXPECT_EQ(::listen(listener, 1), 0);
-    EXPECT_EQ(::getsockname(listener, reinterpret_cast<sockaddr*>(&addr), &len), 0);
-    fds[1] = ::socket(AF_INET, SOCK_STREAM, 0);
-    EXPECT_EQ(::connect(fds[1], reinterpret_cast<sockaddr*>(&addr), len), 0);
-    fds[0] = ::accept(listener, nullptr, nullptr);
-    ::close(listener);
-  }
 };
 
 // Runs the thread's loop in short slices until `done()` or `bound` real
 // seconds; true when done.
 inline bool runUntil(const std::function<bool()>& done, double bound = 10.0) {
-  const double end = realNow() + bound;
-  while (!done()) {
+  for (const double end = realNow() + bound; !done(); Tolan::Platform::doEventLoop(0.002))
     if (realNow() > end) return false;
-    Tolan::Platform::doEventLoop(0.002);
-  }
   return true;
 }
 
