@@ -35,7 +35,6 @@
 
 #include "Tolan/Assert.h"
 #include "Tolan/Debug.h"
-#include "Tolan/Exception.h"
 #include "Tolan/Impl/TaskSchedulerImpl.h"
 
 namespace Tolan {
@@ -198,6 +197,7 @@ void FileDescriptorTask::resumeReadInterest() {
 }
 
 void FileDescriptorTask::taskWatchReadableIs(bool on) {
+  readTask_->sanityCheckCurrentRunningThread();
   if (on == watchReadable_) return;
   readPaused_ = false;
   watchReadable_ = on;
@@ -206,6 +206,7 @@ void FileDescriptorTask::taskWatchReadableIs(bool on) {
 }
 
 void FileDescriptorTask::taskWatchWritableIs(bool on) {
+  readTask_->sanityCheckCurrentRunningThread();
   if (on == watchWritable_) return;
   checkCreateWriteTask();
   watchWritable_ = on;
@@ -340,7 +341,7 @@ void FileDescriptorTask::taskWorkPendingIs(unsigned int n) {
 }
 
 TaskImpl& FileDescriptorTask::checkWriteTask() const {
-  if (TOLAN_UNLIKELY(!writeTask_)) AssertException::throwException(kNoWriteTask);
+  TOLAN_ASSERT_C(writeTask_ != nullptr, FileDescriptorTask, "{}", kNoWriteTask);
   return *writeTask_;
 }
 
