@@ -24,7 +24,7 @@
 // every useful event out of the ring) and no clock read. Only the report
 // that queues the half is recorded as "fdReadable"/"fdWritable". A read
 // half that keeps waiting has its read interest taken off the event loop
-// after kRepeatsBeforePause repeats, so that the kernel stops reporting it,
+// after kReadRepeatsBeforePause repeats, so that the kernel stops reporting it,
 // and given back as soon as the half leaves its queue (it runs, or is
 // unscheduled in any way): two epoll_ctl() calls for a task that waits
 // long, none for one that runs on the next pass, which is the usual case
@@ -44,7 +44,6 @@ namespace {
 inline Platform::DebugHandler& dbg() noexcept { return Impl::taskSchedulerDebug(); }
 
 constexpr const char* kNoWriteTask = "WriteTask not created by taskWatchWritableIs( true )";
-constexpr uint8_t kRepeatsBeforePause = 16;
 
 // The descriptor tasks of this thread by watched number. Allocated while
 // any number is held, so nothing is left to destroy at thread exit.
@@ -229,7 +228,7 @@ void FileDescriptorTask::readFdEvent(int fd) {
   TOLAN_ASSERT_C(watchReadable_, FileDescriptorTask, "readFdEvent() called with taskWatchReadable off");
   TOLAN_ASSERT_C(fd == fd_, FileDescriptorTask, "Notified about {} watching {}", fd, fd_);
   if (readTask_->taskScheduled()) {  // the repeat of a level-triggered report (see the top)
-    if (++readRepeats_ == kRepeatsBeforePause) {
+    if (++readRepeats_ == kReadRepeatsBeforePause) {
       readPaused_ = true;
       control_->setReads(false);
     }

@@ -47,10 +47,13 @@
 // alive, so a handler may drop the last owner (say, on end of file). A task
 // owned otherwise must outlive its runs.
 //
-// Costs: a readiness report is one history event and one scheduleTask() (a
-// no-op while the half is queued); a run is one task run. The write half is
-// created on the first taskWatchWritableIs(true). taskWatchFdIs() makes two
-// fcntl() calls and re-registers with the event loop.
+// Costs: a readiness report that queues a half is one history event and one
+// scheduleTask(); a run is one task run. While a half waits, the loop
+// re-reports its descriptor on every pass; such a repeat returns at once, and
+// after kReadRepeatsBeforePause of them read interest leaves the event loop
+// until the half leaves its queue (two epoll_ctl() calls). The write half is created on the first
+// taskWatchWritableIs(true). taskWatchFdIs() makes two fcntl() calls and
+// registers anew with the event loop.
 //
 // Threading: the task belongs to the thread of its scheduler, like every task.
 #pragma once
@@ -69,6 +72,9 @@ class TOLAN_EXPORT FileDescriptorTask : public _TaskBase, private Platform::FdEv
  public:
   class ReadTask;
   class WriteTask;
+
+  // Repeated reports of a waiting read half before its read interest pauses.
+  static constexpr uint8_t kReadRepeatsBeforePause = 16;
 
   // Renames the statistics of both halves (the write half's gets ":write").
   void taskStatsNameIs(const std::string& name) override;

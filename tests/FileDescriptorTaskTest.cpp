@@ -155,20 +155,22 @@ TEST_F(FdTask, SettingsCountersAndAssertions) {
   EXPECT_ASSERTS(p->readTask()->taskRunFromTest(), "ReadTask should only run if taskWatchReadable");
 }
 
-// A read half kept waiting (an absolute task runs 40 passes first) stops
-// being re-reported for a while; whatever way it leaves its queue, it hears
-// its descriptor again, including data left behind by a short read.
+// A read half kept waiting (an absolute task runs first, for twice the
+// repeats that pause it) stops being re-reported for a while; whatever way
+// it leaves its queue, it hears its descriptor again, including data left
+// behind by a short read.
 TEST_F(FdTask, LongWaitingReadHalfHearsItsDescriptorAgain) {
   for (int leave : {0, 1, 2}) {  // by running; by a new watch; by suspension
     SCOPED_TRACE(leave);
     FdPair pair;
     auto p = probe("p", pair.a, true, 1);
-    auto hog = task(TaskPriority::absolute, "hog", [](Probe& self) {
-      if (self.taskRunCount() < 40) self.scheduleTask();
+    const unsigned passes = 2 * FileDescriptorTask::kReadRepeatsBeforePause;
+    auto hog = task(TaskPriority::absolute, "hog", [&](Probe& self) {
+      if (self.taskRunCount() < passes) self.scheduleTask();
     });
     hog->scheduleTask();
     send(pair.b, "abc");
-    EXPECT_TRUE(runUntil([&] { return hog->taskRunCount() == 40; }));
+    EXPECT_TRUE(runUntil([&] { return hog->taskRunCount() == passes; }));
     if (leave == 1) p->taskWatchFdIs(pair.a);
     if (leave == 2) p->taskSuspendedIs(true), p->taskSuspendedIs(false);
     EXPECT_TRUE(runUntil([&] { return p->received == "abc"; }, 2.0));
