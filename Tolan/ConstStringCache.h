@@ -145,6 +145,10 @@ class TOLAN_EXPORT ConstStringCache {
   // when the string is new to the cache.
   ConstStringRef intern(std::string_view text);
 
+  // Room for `n` distinct strings without rehashing, for a caller that is
+  // about to intern many at once.
+  void reserve(size_t n) { elems_.reserve(n); }
+
   // Number of distinct strings held.
   size_t size() const noexcept { return elems_.size(); }
   // The count of `text`, 0 when it is not interned. For diagnostics and tests.

@@ -228,6 +228,7 @@ class TOLAN_EXPORT TaskScheduler : public std::enable_shared_from_this<TaskSched
   void tasksPerPriorityDec(TaskImpl* task);
   void completedTasksPerPriorityInc(TaskPriority p) noexcept { ++completedTasksPerPriority_[p.number()]; }
   void handleResetStatsTaskRun(ResetStatsTask& task);
+  std::array<uint64_t, TaskRunQueues::kCount> runTaskCounts() const;
 
   std::string schedulerName_;
   TaskSchedulerRoot* root_;

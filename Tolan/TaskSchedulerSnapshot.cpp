@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cstring>
 #include <sstream>
 
 #include "Tolan/Exception.h"
@@ -39,11 +40,9 @@ void writeString(JsonWriter& w, const std::string& s) {
   w.String(s.data(), static_cast<rapidjson::SizeType>(s.size()));
 }
 
-// A literal key with its length known at compile time: the writer's
-// Key(const char*) is not inlined here and would count the characters.
 template <size_t N>
 void literalKey(JsonWriter& w, const char (&literal)[N]) {
-  w.Key(literal, N - 1);
+  w.literalKey(literal);
 }
 
 void writeKey(JsonWriter& w, const std::string& s) {
@@ -67,20 +66,16 @@ void renderTask(JsonWriter& w, const TaskStat& stat, bool completed) {
   char address[16] = {'@'};
   std::copy(number.data(), number.data() + number.size(), address + 1);
   literalKey(w, "address");
-  w.String(address, static_cast<rapidjson::SizeType>(number.size() + 1));
+  w.plainString(address, number.size() + 1);
   literalKey(w, "priority");
-  w.String(stat.taskPriority().toStrep());
+  const char* priority = stat.taskPriority().toStrep();
+  w.plainString(priority, std::strlen(priority));
   if (status.taskIsTaskGroup()) writeKeyString(w, "subScheduler", TaskSchedulerSnapshot::subSchedulerKey(stat));
-  literalKey(w, "onRunQueue");
-  w.Bool(status.taskOnRunQueue());
-  literalKey(w, "currentlyRunning");
-  w.Bool(status.taskCurrentlyRunning());
-  literalKey(w, "suspended");
-  w.Bool(status.taskSuspended());
-  literalKey(w, "hasTimer");
-  w.Bool(status.taskTimer());
-  literalKey(w, "timerRunning");
-  w.Bool(status.taskTimerRunning());
+  w.literalBool("onRunQueue", status.taskOnRunQueue());
+  w.literalBool("currentlyRunning", status.taskCurrentlyRunning());
+  w.literalBool("suspended", status.taskSuspended());
+  w.literalBool("hasTimer", status.taskTimer());
+  w.literalBool("timerRunning", status.taskTimerRunning());
   literalKey(w, "runCount");
   w.Uint(stat.taskRunCount());
   literalKey(w, "totalRunTime");
@@ -194,6 +189,7 @@ TaskSchedulerSnapshot::TaskSchedulerSnapshot(TaskSchedulerSnapshot&&) noexcept =
 TaskSchedulerSnapshot::~TaskSchedulerSnapshot() = default;
 
 void TaskSchedulerSnapshot::internNames() {
+  names_->reserve(contents_.tasks.size() + contents_.completedTasks.size());
   for (auto* records : {&contents_.tasks, &contents_.completedTasks})
     for (TaskStat& stat : *records)
       if (!stat.taskNameRef().empty()) stat.taskNameIs(names_->intern(stat.taskName()));
@@ -219,8 +215,7 @@ void TaskSchedulerSnapshot::renderJsonImpl(TaskSchedulerPrintContext& context) c
     literalKey(w, "displayOrder");
     w.Uint(c.displayOrder.raw());
   }
-  literalKey(w, "isRootScheduler");
-  w.Bool(c.isRootScheduler);
+  w.literalBool("isRootScheduler", c.isRootScheduler);
   literalKey(w, "priorityStats");
   w.StartObject();
   for (const auto& entry : c.queueStats) {
@@ -255,16 +250,20 @@ void TaskSchedulerSnapshot::renderJsonImpl(TaskSchedulerPrintContext& context) c
 
 void TaskSchedulerSnapshot::renderJsonTasks(TaskSchedulerPrintContext& context, const std::vector<TaskStat>& tasks,
                                             const std::string& label, unsigned skipped, bool completed) {
-  std::vector<const TaskStat*> order;
+  // Longest first, equal times in record order. Sorted by a copy of the key
+  // next to the pointer: comparing through the pointers would miss the cache
+  // on every step of the sort.
+  std::vector<std::pair<TaskTimeDuration, const TaskStat*>> order;
   order.reserve(tasks.size());
-  for (const TaskStat& stat : tasks) order.push_back(&stat);
-  std::sort(order.begin(), order.end(), longerRun);
+  for (const TaskStat& stat : tasks) order.emplace_back(stat.taskTotalRunTime(), &stat);
+  std::sort(order.begin(), order.end(),
+            [](const auto& a, const auto& b) { return a.first != b.first ? a.first > b.first : a.second < b.second; });
   JsonWriter& w = context.writer();
   writeKey(w, label);
   w.StartObject();
   literalKey(w, "tasks");
   w.StartArray();
-  for (const TaskStat* stat : order) renderTask(w, *stat, completed);
+  for (const auto& entry : order) renderTask(w, *entry.second, completed);
   w.EndArray();
   literalKey(w, "skipped");
   w.Uint(skipped);

@@ -6,6 +6,7 @@
 #include <rapidjson/writer.h>
 
 #include <cstddef>
+#include <cstring>
 #include <memory>
 #include <ostream>
 
@@ -39,6 +40,11 @@ class BlockOStream {
     if (static_cast<size_t>(end_ - next_) < n) growTo(n);
   }
   void putUnchecked(char c) { *next_++ = c; }
+  void write(const char* s, size_t n) {
+    reserve(n);
+    std::memcpy(next_, s, n);
+    next_ += n;
+  }
   // Hands the block to the ostream; does not flush the ostream itself.
   void Flush() {
     if (next_ != block_.get()) out_.write(block_.get(), next_ - block_.get());
@@ -79,6 +85,42 @@ class JsonWriter : public rapidjson::Writer<BlockOStream> {
  public:
   explicit JsonWriter(std::ostream& out) : rapidjson::Writer<BlockOStream>(block_), block_(out) {}
   void flushBlock() { block_.Flush(); }
+
+  // Key(literal) for a key the compiler knows: the member names of the
+  // document are plain ASCII, so they are copied whole, quotes included,
+  // instead of being scanned for escapes one character at a time.
+  template <size_t N>
+  void literalKey(const char (&key)[N]) {
+    static_assert(N >= 1, "a string literal");
+    Prefix(rapidjson::kStringType);
+    block_.reserve(N + 1);
+    block_.putUnchecked('"');
+    block_.write(key, N - 1);
+    block_.putUnchecked('"');
+  }
+  // literalKey(key) then Bool(value), as one copy. The writer's own Bool
+  // costs a Prefix and a room check of its own, and a task object has five.
+  template <size_t N>
+  void literalBool(const char (&key)[N], bool value) {
+    literalKey(key);
+    // The member's value, without the writer's Prefix: it would only add the
+    // colon and count the value, which this does itself.
+    block_.reserve(6);
+    block_.putUnchecked(':');
+    if (value)
+      block_.write("true", 4);
+    else
+      block_.write("false", 5);
+    ++level_stack_.template Top<Level>()->valueCount;
+  }
+  // String(s) for a value known to need no escaping (digits, letters).
+  void plainString(const char* s, size_t n) {
+    Prefix(rapidjson::kStringType);
+    block_.reserve(n + 2);
+    block_.putUnchecked('"');
+    block_.write(s, n);
+    block_.putUnchecked('"');
+  }
 
  private:
   // Constructed after the base, which only stores its address.
