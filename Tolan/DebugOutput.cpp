@@ -20,6 +20,7 @@
 #include <string>
 
 #include "Tolan/Impl/MessageBuffer.h"
+#include "Tolan/Impl/QuietWrite.h"
 #include "Tolan/Impl/TraceOutput.h"
 #include "Tolan/Loco.h"
 #include "Tolan/Thread.h"
@@ -148,47 +149,12 @@ void appendPrefix(LineBuffer& out, unsigned level, std::string_view handleName, 
   if (show(kFuncName)) fmt::format_to(fmt::appender(out), "{} ", func ? func : "");
 }
 
-// Holds SIGPIPE and SIGXFSZ back in the calling thread while it writes.
-class QuietWrite {
- public:
-  QuietWrite() noexcept {
-    sigemptyset(&quiet_);
-    sigaddset(&quiet_, SIGPIPE);
-    sigaddset(&quiet_, SIGXFSZ);
-    pthread_sigmask(SIG_BLOCK, &quiet_, &old_);
-    sigpending(&pendingBefore_);
-  }
-  // Takes off a signal that a failed write raised (EPIPE, EFBIG), unless the
-  // caller had it blocked or it was pending already, then restores the mask.
-  ~QuietWrite() {
-    if (raisedBy_ != 0) {
-      sigset_t pending;
-      sigpending(&pending);
-      if (sigismember(&pending, raisedBy_) && !sigismember(&pendingBefore_, raisedBy_) &&
-          !sigismember(&old_, raisedBy_)) {
-        sigset_t one;
-        sigemptyset(&one);
-        sigaddset(&one, raisedBy_);
-        const timespec none{0, 0};
-        while (sigtimedwait(&one, nullptr, &none) < 0 && errno == EINTR) {
-        }
-      }
-    }
-    pthread_sigmask(SIG_SETMASK, &old_, nullptr);
-  }
-  void failedWith(int error) noexcept { raisedBy_ = error == EPIPE ? SIGPIPE : error == EFBIG ? SIGXFSZ : 0; }
-
- private:
-  sigset_t quiet_, old_, pendingBefore_;
-  int raisedBy_ = 0;
-};
-
 // Writes all of [p, p + n) to fd; 0 on success, else the error. A partial
 // line left in a regular file is cut off, so that no line is torn. Holding
 // the signals costs three system calls besides the write, so it is done only
 // for sinks that can raise them (`quiet`).
 int writeWhole(int fd, const char* p, size_t n, bool quiet) noexcept {
-  std::optional<QuietWrite> held;
+  std::optional<Impl::QuietWrite> held;
   if (quiet) held.emplace();
   size_t done = 0;
   while (done < n) {

@@ -87,7 +87,10 @@ TaskScheduler::~TaskScheduler() {
   clearStatsCommon();
 }
 
-void TaskScheduler::destroyOwnTasks() noexcept { resetStatsTask_.reset(); }
+void TaskScheduler::destroyOwnTasks() noexcept {
+  renderJsonTasks_.clear();
+  resetStatsTask_.reset();
+}
 
 bool TaskScheduler::taskRegistered(const TaskImpl* task) const noexcept {
   return task->scheduler_ == this && task->taskRegisteredLink_.isLinked();

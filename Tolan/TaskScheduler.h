@@ -31,8 +31,10 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <iosfwd>
 #include <memory>
+#include <set>
 #include <string>
 #include <type_traits>
 #include <unordered_map>
@@ -194,6 +196,22 @@ class TOLAN_EXPORT TaskScheduler : public std::enable_shared_from_this<TaskSched
   std::string statsRenderJsonToString(bool includeNeverRan, bool includeCompleted, bool includeSubSchedulers) const;
   void statsRenderJsonToBlockingFdForTest(int fd, bool includeNeverRan, bool includeCompleted,
                                           bool includeSubSchedulers) const;
+  // The JSON document of `snapshots` written to the non-blocking descriptor
+  // `fd` from inside this scheduler, without ever blocking the thread: one
+  // task renders one snapshot per run and a descriptor task writes the text
+  // as the descriptor takes it (TaskSchedulerRenderJsonAsync.h has the
+  // details). `done` runs on this thread when the output has ended, written
+  // out or cut short because the reader went away. On the scheduler's thread;
+  // the descriptor stays open and must stay so until `done`.
+  class SnapshotRenderJsonTask;
+  class SnapshotWriteJsonTask;
+  using RenderJsonDone = std::function<void(SnapshotRenderJsonTask&)>;
+  void snapshotRenderJsonAsync(int fd, std::shared_ptr<const TaskSchedulerSnapshot> snapshot);
+  void snapshotRenderJsonAsync(int fd, std::vector<std::shared_ptr<const TaskSchedulerSnapshot>> snapshots,
+                               RenderJsonDone done);
+  // Outputs under way.
+  size_t renderJsonTaskCount() const noexcept { return renderJsonTasks_.size(); }
+
   // A document frame on a stream or a blocking descriptor (TaskSchedulerPrintContext.h).
   static std::unique_ptr<TaskSchedulerPrintContext> PrintContextIs(std::ostream& out);
   static std::unique_ptr<TaskSchedulerPrintContext> PrintContextIs(int fd, bool throwOnError);
@@ -231,6 +249,8 @@ class TOLAN_EXPORT TaskScheduler : public std::enable_shared_from_this<TaskSched
   void tasksPerPriorityDec(TaskImpl* task);
   void completedTasksPerPriorityInc(TaskPriority p) noexcept { ++completedTasksPerPriority_[p.number()]; }
   void handleResetStatsTaskRun(ResetStatsTask& task);
+  // The render task has ended its output: the scheduler lets go of it.
+  void renderJsonTaskDone(SnapshotRenderJsonTask& task);
   std::array<uint64_t, TaskRunQueues::kCount> runTaskCounts() const;
 
   std::string schedulerName_;
@@ -256,6 +276,8 @@ class TOLAN_EXPORT TaskScheduler : public std::enable_shared_from_this<TaskSched
   std::array<uint32_t, TaskRunQueues::kCount> completedTasksPerPriority_{};
   std::unordered_map<ConstStringRef, TaskStat> completedTaskStats_;
   std::shared_ptr<ResetStatsTask> resetStatsTask_;
+  // Asynchronous outputs under way, kept alive until they end.
+  std::set<std::shared_ptr<SnapshotRenderJsonTask>> renderJsonTasks_;
 };
 
 }  // namespace Tolan

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <functional>
 #include <cstring>
 #include <sstream>
 
@@ -133,27 +134,6 @@ std::shared_ptr<const TaskSchedulerSnapshot::History> TaskSchedulerSnapshot::His
   return copy;
 }
 
-void TaskSchedulerSnapshot::History::renderJson(TaskSchedulerPrintContext& context) const {
-  JsonWriter& w = context.writer();
-  literalKey(w, "history");
-  w.StartObject();
-  literalKey(w, "historyEntryCount");
-  w.Uint(historyEntryCount);
-  literalKey(w, "history");
-  w.StartArray();
-  for (const Event& event : events) {
-    w.StartObject();
-    literalKey(w, "nsSinceBoot");
-    w.Uint64(static_cast<uint64_t>(event.nsSinceBoot));
-    literalKey(w, "eventType");
-    w.String(TaskSchedulerHistory::Event{event.eventType, {}, {}}.eventTypeDisplay());
-    if (!event.eventId.empty()) writeKeyString(w, "eventId", event.eventId);
-    w.EndObject();
-  }
-  w.EndArray();
-  w.EndObject();
-}
-
 // ---- the snapshot ----
 
 TaskSchedulerSnapshot::TaskSchedulerSnapshot(const TaskScheduler* scheduler, std::string key, bool includeNeverRan,
@@ -201,55 +181,54 @@ std::string TaskSchedulerSnapshot::subSchedulerKey(const TaskStat& stat) {
   return stat.taskName() + stat.taskKey().toStrep();
 }
 
-void TaskSchedulerSnapshot::renderJson(TaskSchedulerPrintContext& context) const {
-  writeKey(context.writer(), key_);
-  renderJsonImpl(context);
+// ---- rendering, in pieces ----
+
+// A document is rendered as a flat list of steps, each writing one piece:
+// a scheduler object's head, one task object, one history event, a closing
+// bracket. The synchronous renderers run all steps at once; the
+// asynchronous writer runs as many as its quantum allows per task run, so a
+// snapshot of any size never holds the thread for long. One list, one
+// layout: both paths write the same bytes.
+struct TaskSchedulerSnapshot::Rendering::Step {
+  enum Kind : uint8_t { kOpen, kListOpen, kTask, kListClose, kSubsOpen, kSubKey, kSubsClose, kHistoryOpen, kEvent,
+                        kHistoryClose, kClose };
+  Kind kind;
+  bool flag;         // kOpen: with the key; kListOpen/kTask: completed records
+  unsigned n;        // kListClose: skipped
+  const void* what;  // the snapshot, record, history, event, sub-scheduler or label
+};
+
+TaskSchedulerSnapshot::Rendering::Rendering() = default;
+TaskSchedulerSnapshot::Rendering::Rendering(Rendering&&) noexcept = default;
+TaskSchedulerSnapshot::Rendering& TaskSchedulerSnapshot::Rendering::operator=(Rendering&&) noexcept = default;
+TaskSchedulerSnapshot::Rendering::~Rendering() = default;
+bool TaskSchedulerSnapshot::Rendering::done() const noexcept { return next_ == steps_.size(); }
+
+TaskSchedulerSnapshot::Rendering TaskSchedulerSnapshot::rendering(bool withKey) const {
+  Rendering r;
+  r.addSnapshot(*this, withKey);
+  return r;
 }
 
-void TaskSchedulerSnapshot::renderJsonImpl(TaskSchedulerPrintContext& context) const {
-  JsonWriter& w = context.writer();
-  const Contents& c = contents_;
-  w.StartObject();
-  writeKeyString(w, "schedulerName", c.schedulerName);
-  if (c.displayOrder.hasValue()) {
-    literalKey(w, "displayOrder");
-    w.Uint(c.displayOrder.raw());
-  }
-  w.literalBool("isRootScheduler", c.isRootScheduler);
-  literalKey(w, "priorityStats");
-  w.StartObject();
-  for (const auto& entry : c.queueStats) {
-    const TaskSchedulerPriorityStats& p = entry.second;
-    w.Key(entry.first.toStrep());
-    w.StartObject();
-    literalKey(w, "runnableTasks");
-    w.Uint(p.runnableTasks);
-    literalKey(w, "idleTasks");
-    w.Uint(p.idleTasks);
-    literalKey(w, "completedTasks");
-    w.Uint(p.completedTasks);
-    literalKey(w, "totalRunCount");
-    w.Uint64(p.totalRunCount);
-    w.EndObject();
-  }
-  w.EndObject();
-  literalKey(w, "maxSchedulerSlip");
-  w.Double(seconds(c.maxSchedulerSlip));
-  renderJsonTasks(context, c.tasks, "tasks", c.skipped, false);
-  if (!c.completedTasks.empty()) renderJsonTasks(context, c.completedTasks, "completedTasks", c.completedSkipped, true);
-  literalKey(w, "subSchedulers");
-  w.StartObject();
+void TaskSchedulerSnapshot::Rendering::addSnapshot(const TaskSchedulerSnapshot& s, bool withKey) {
+  const Contents& c = s.contents_;
+  steps_.push_back({Step::kOpen, withKey, 0, &s});
+  addTasks(c.tasks, "tasks", c.skipped, false);
+  if (!c.completedTasks.empty()) addTasks(c.completedTasks, "completedTasks", c.completedSkipped, true);
+  steps_.push_back({Step::kSubsOpen, false, 0, nullptr});
   for (const SubScheduler& sub : c.subSchedulers) {
-    writeKey(w, sub.key);
-    sub.snapshot.renderJsonImpl(context);
+    steps_.push_back({Step::kSubKey, false, 0, &sub});
+    addSnapshot(sub.snapshot, false);
   }
-  w.EndObject();
-  if (c.history) c.history->renderJson(context);
-  w.EndObject();
+  steps_.push_back({Step::kSubsClose, false, 0, nullptr});
+  if (c.history) addHistory(*c.history);
+  steps_.push_back({Step::kClose, false, 0, nullptr});
 }
 
-void TaskSchedulerSnapshot::renderJsonTasks(TaskSchedulerPrintContext& context, const std::vector<TaskStat>& tasks,
-                                            const std::string& label, unsigned skipped, bool completed) {
+void TaskSchedulerSnapshot::Rendering::addTasks(const std::vector<TaskStat>& tasks, const std::string& label,
+                                                unsigned skipped, bool completed) {
+  labels_.push_back(std::make_unique<std::string>(label));
+  steps_.push_back({Step::kListOpen, completed, 0, labels_.back().get()});
   // Longest first, equal times in record order. Sorted by a copy of the key
   // next to the pointer: comparing through the pointers would miss the cache
   // on every step of the sort.
@@ -258,16 +237,131 @@ void TaskSchedulerSnapshot::renderJsonTasks(TaskSchedulerPrintContext& context, 
   for (const TaskStat& stat : tasks) order.emplace_back(stat.taskTotalRunTime(), &stat);
   std::sort(order.begin(), order.end(),
             [](const auto& a, const auto& b) { return a.first != b.first ? a.first > b.first : a.second < b.second; });
-  JsonWriter& w = context.writer();
-  writeKey(w, label);
-  w.StartObject();
-  literalKey(w, "tasks");
-  w.StartArray();
-  for (const auto& entry : order) renderTask(w, *entry.second, completed);
-  w.EndArray();
-  literalKey(w, "skipped");
-  w.Uint(skipped);
-  w.EndObject();
+  for (const auto& entry : order) steps_.push_back({Step::kTask, completed, 0, entry.second});
+  steps_.push_back({Step::kListClose, false, skipped, nullptr});
+}
+
+void TaskSchedulerSnapshot::Rendering::addHistory(const History& history) {
+  steps_.push_back({Step::kHistoryOpen, false, 0, &history});
+  for (const History::Event& event : history.events) steps_.push_back({Step::kEvent, false, 0, &event});
+  steps_.push_back({Step::kHistoryClose, false, 0, nullptr});
+}
+
+bool TaskSchedulerSnapshot::Rendering::renderSome(TaskSchedulerPrintContext& context,
+                                                  const std::function<bool()>& shouldYield) {
+  // Asking costs a clock read: ask once per batch of small pieces.
+  constexpr size_t kBatch = 32;
+  while (next_ < steps_.size()) {
+    const size_t end = shouldYield ? std::min(steps_.size(), next_ + kBatch) : steps_.size();
+    for (; next_ < end; ++next_) renderStep(context.writer(), steps_[next_]);
+    if (next_ < steps_.size() && shouldYield && shouldYield()) return false;
+  }
+  return true;
+}
+
+void TaskSchedulerSnapshot::Rendering::renderStep(JsonWriter& w, const Step& step) {
+  switch (step.kind) {
+    case Step::kOpen: {
+      const auto& s = *static_cast<const TaskSchedulerSnapshot*>(step.what);
+      const Contents& c = s.contents_;
+      if (step.flag) writeKey(w, s.key_);
+      w.StartObject();
+      writeKeyString(w, "schedulerName", c.schedulerName);
+      if (c.displayOrder.hasValue()) {
+        literalKey(w, "displayOrder");
+        w.Uint(c.displayOrder.raw());
+      }
+      w.literalBool("isRootScheduler", c.isRootScheduler);
+      literalKey(w, "priorityStats");
+      w.StartObject();
+      for (const auto& entry : c.queueStats) {
+        const TaskSchedulerPriorityStats& p = entry.second;
+        w.Key(entry.first.toStrep());
+        w.StartObject();
+        literalKey(w, "runnableTasks");
+        w.Uint(p.runnableTasks);
+        literalKey(w, "idleTasks");
+        w.Uint(p.idleTasks);
+        literalKey(w, "completedTasks");
+        w.Uint(p.completedTasks);
+        literalKey(w, "totalRunCount");
+        w.Uint64(p.totalRunCount);
+        w.EndObject();
+      }
+      w.EndObject();
+      literalKey(w, "maxSchedulerSlip");
+      w.Double(seconds(c.maxSchedulerSlip));
+      return;
+    }
+    case Step::kListOpen:
+      writeKey(w, *static_cast<const std::string*>(step.what));
+      w.StartObject();
+      literalKey(w, "tasks");
+      w.StartArray();
+      return;
+    case Step::kTask:
+      return renderTask(w, *static_cast<const TaskStat*>(step.what), step.flag);
+    case Step::kListClose:
+      w.EndArray();
+      literalKey(w, "skipped");
+      w.Uint(step.n);
+      w.EndObject();
+      return;
+    case Step::kSubsOpen:
+      literalKey(w, "subSchedulers");
+      w.StartObject();
+      return;
+    case Step::kSubKey:
+      return writeKey(w, static_cast<const SubScheduler*>(step.what)->key);
+    case Step::kHistoryOpen:
+      literalKey(w, "history");
+      w.StartObject();
+      literalKey(w, "historyEntryCount");
+      w.Uint(static_cast<const History*>(step.what)->historyEntryCount);
+      literalKey(w, "history");
+      w.StartArray();
+      return;
+    case Step::kEvent: {
+      const auto& event = *static_cast<const History::Event*>(step.what);
+      w.StartObject();
+      literalKey(w, "nsSinceBoot");
+      w.Uint64(static_cast<uint64_t>(event.nsSinceBoot));
+      literalKey(w, "eventType");
+      w.String(TaskSchedulerHistory::Event{event.eventType, {}, {}}.eventTypeDisplay());
+      if (!event.eventId.empty()) writeKeyString(w, "eventId", event.eventId);
+      w.EndObject();
+      return;
+    }
+    case Step::kHistoryClose:
+      w.EndArray();
+      w.EndObject();
+      return;
+    case Step::kSubsClose:
+    case Step::kClose:
+      w.EndObject();
+      return;
+  }
+}
+
+void TaskSchedulerSnapshot::History::renderJson(TaskSchedulerPrintContext& context) const {
+  Rendering r;
+  r.addHistory(*this);
+  r.renderSome(context, {});
+}
+
+void TaskSchedulerSnapshot::renderJson(TaskSchedulerPrintContext& context) const {
+  rendering(true).renderSome(context, {});
+}
+
+void TaskSchedulerSnapshot::renderJsonImpl(TaskSchedulerPrintContext& context) const {
+  rendering(false).renderSome(context, {});
+}
+
+void TaskSchedulerSnapshot::renderJsonTasks(TaskSchedulerPrintContext& context, const std::vector<TaskStat>& tasks,
+                                            const std::string& label, unsigned skipped, bool completed) {
+  Rendering r;
+  r.addTasks(tasks, label, skipped, completed);
+  r.renderSome(context, {});
 }
 
 // ---- the scheduler's entry points ----

@@ -35,6 +35,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <utility>
@@ -50,6 +51,9 @@ namespace Tolan {
 
 class TaskScheduler;
 class TaskSchedulerPrintContext;
+namespace Impl {
+class JsonWriter;
+}
 
 class TOLAN_EXPORT TaskSchedulerSnapshot {
  public:
@@ -120,6 +124,35 @@ class TOLAN_EXPORT TaskSchedulerSnapshot {
   // total run time, largest first. `completed` adds "completedCount".
   static void renderJsonTasks(TaskSchedulerPrintContext& context, const std::vector<TaskStat>& tasks,
                               const std::string& label, unsigned skipped, bool completed);
+  // A rendering of this snapshot that can be done in pieces: the
+  // asynchronous writer renders as much per task run as its quantum allows.
+  // renderSome() writes pieces until all are written (true) or until
+  // `shouldYield` (asked now and then; empty: never) answers true (false:
+  // call again with the same context). The snapshot must outlive it.
+  class TOLAN_EXPORT Rendering {
+   public:
+    Rendering();
+    Rendering(Rendering&&) noexcept;
+    Rendering& operator=(Rendering&&) noexcept;
+    ~Rendering();
+    bool renderSome(TaskSchedulerPrintContext& context, const std::function<bool()>& shouldYield);
+    bool done() const noexcept;
+
+   private:
+    friend class TaskSchedulerSnapshot;
+    struct Step;
+    void addSnapshot(const TaskSchedulerSnapshot& s, bool withKey);
+    void addTasks(const std::vector<TaskStat>& tasks, const std::string& label, unsigned skipped, bool completed);
+    void addHistory(const History& history);
+    static void renderStep(Impl::JsonWriter& w, const Step& step);
+
+    std::vector<Step> steps_;
+    std::vector<std::unique_ptr<std::string>> labels_;
+    size_t next_ = 0;
+  };
+  // With the key (as renderJson) or without (as renderJsonImpl).
+  Rendering rendering(bool withKey) const;
+
   // The key of a task group's sub-scheduler: the record's name followed by
   // its key ("TaskGroup;io@7"). A record that is not a task group throws
   // Tolan::RuntimeException("<name> is not TaskGroup").
