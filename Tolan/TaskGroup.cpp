@@ -68,6 +68,7 @@ void TaskGroup::taskRegister(TaskImpl* task) {
 TaskTimeDuration TaskGroup::taskGroupQuantum() const noexcept { return parentTask_->taskQuantum(); }
 void TaskGroup::taskGroupQuantumIs(TaskTimeDuration quantum) { parentTask_->taskQuantumIs(quantum); }
 void TaskGroup::taskGroupQuantumNoCheckIs(TaskTimeDuration quantum) { parentTask_->taskQuantumNoCheckIs(quantum); }
+const TaskImpl* TaskGroup::parentTask() const noexcept { return parentTask_.get(); }
 uint32_t TaskGroup::parentTaskRunCount() const noexcept { return parentTask_->taskRunCount(); }
 bool TaskGroup::parentTaskScheduled() const { return parentTask_->taskScheduled(); }
 

@@ -74,6 +74,8 @@ class TOLAN_EXPORT TaskGroup : public TaskScheduler {
   void taskGroupQuantumNoCheckIs(TaskTimeDuration quantum);
   bool tasksPermittedMultipleRuns() const noexcept { return tasksPermittedMultipleRuns_; }
   void tasksPermittedMultipleRunsIs(bool permitted) noexcept { tasksPermittedMultipleRuns_ = permitted; }
+  // The group's task on its parent scheduler (its scheduler() is the parent).
+  const TaskImpl* parentTask() const noexcept;
   uint32_t parentTaskRunCount() const noexcept;
   bool parentTaskScheduled() const;
   // When on, every turn runs one task only (the parent task yields at once).

@@ -9,6 +9,7 @@
 
 #include "Tolan/Exception.h"
 #include "Tolan/Impl/JsonWriter.h"
+#include "Tolan/TaskGroup.h"
 #include "Tolan/TaskScheduler.h"
 #include "Tolan/TaskSchedulerPrintContext.h"
 
@@ -22,12 +23,11 @@
 // hash lookup per record, one allocation per distinct name) is paid by the
 // snapshot.
 //
-// Task groups: a group's sub-snapshot is listed under subSchedulerKey() of its
-// parent task's record. Task groups are not on this branch yet; when they
-// land, the scheduler constructor adds one SubScheduler per group whose parent
-// is this scheduler (includeSubSchedulers), and the display order of a group
-// is taken there. Until then a live snapshot has no sub-schedulers and no
-// display order; snapshots made of parts render both.
+// Task groups: each group whose parent task runs on the snapshot's scheduler
+// is listed under "subSchedulers", keyed by subSchedulerKey() of its parent
+// task's record, in the order the groups were made (their parent tasks'
+// keys), and numbered in that order by "displayOrder": a JSON object's
+// member order is lost by many readers, so the number keeps it for them.
 
 namespace Tolan {
 
@@ -137,7 +137,7 @@ std::shared_ptr<const TaskSchedulerSnapshot::History> TaskSchedulerSnapshot::His
 // ---- the snapshot ----
 
 TaskSchedulerSnapshot::TaskSchedulerSnapshot(const TaskScheduler* scheduler, std::string key, bool includeNeverRan,
-                                             bool includeCompleted, bool /*includeSubSchedulers*/, unsigned limit,
+                                             bool includeCompleted, bool includeSubSchedulers, unsigned limit,
                                              bool withHistory)
     : key_(std::move(key)), names_(std::make_unique<ConstStringCache>()) {
   TaskSchedulerRoot* root = scheduler->root();
@@ -157,6 +157,25 @@ TaskSchedulerSnapshot::TaskSchedulerSnapshot(const TaskScheduler* scheduler, std
   }
   if (includeCompleted) c.completedSkipped = scheduler->getCompletedTaskStats(&c.completedTasks, includeNeverRan);
   if (withHistory && c.isRootScheduler) c.history = History::copyOf(scheduler->history());
+  if (includeSubSchedulers) {
+    std::vector<const TaskGroup*> groups;
+    for (const TaskScheduler* s : root->registeredSchedulers()) {
+      const auto* group = dynamic_cast<const TaskGroup*>(s);
+      if (group && group->parentTask() && group->parentTask()->scheduler() == scheduler) groups.push_back(group);
+    }
+    std::sort(groups.begin(), groups.end(), [](const TaskGroup* a, const TaskGroup* b) {
+      return a->parentTask()->taskKey().value() < b->parentTask()->taskKey().value();
+    });
+    c.subSchedulers.reserve(groups.size());
+    for (const TaskGroup* group : groups) {
+      const TaskImpl* parent = group->parentTask();
+      std::string subKey = parent->taskName() + parent->taskKey().toStrep();
+      c.subSchedulers.push_back(SubScheduler{
+          subKey, TaskSchedulerSnapshot(group, subKey, includeNeverRan, includeCompleted, true, limit, false)});
+      c.subSchedulers.back().snapshot.contents_.displayOrder =
+          TaskMaybeU32(static_cast<uint32_t>(c.subSchedulers.size() - 1));
+    }
+  }
   internNames();
 }
 

@@ -96,8 +96,9 @@ class TOLAN_EXPORT TaskSchedulerSnapshot {
   //  includeNeverRan: records of tasks that never ran too; otherwise they
   //    are only counted in "skipped".
   //  includeCompleted: the completed-task records ("completedTasks").
-  //  includeSubSchedulers: a snapshot of each task group of the scheduler
-  //    (task groups are not part of the library yet: no effect so far).
+  //  includeSubSchedulers: a snapshot of each task group whose parent task
+  //    runs on the scheduler (and of theirs, recursively), with the same
+  //    flags, numbered by "displayOrder" in the order the groups were made.
   //  limit: at most this many live records (those with the largest total run
   //    time); the rest add to "skipped". ~0u: no limit.
   //  withHistory: a root's history ("history"); ignored for other

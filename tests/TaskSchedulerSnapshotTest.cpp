@@ -6,6 +6,7 @@
 
 #include <mutex>
 
+#include "Tolan/TaskGroup.h"
 #include "Tolan/TaskSchedulerPrintContext.h"
 #include "support/JsonCheck.h"
 #include "support/SchedulerTesting.h"
@@ -162,6 +163,37 @@ TEST_F(Snapshot, CopiesTheLiveSchedulerAsAsked) {
   EXPECT_THAT(doc, HasSubstr(R"(,"history":{"historyEntryCount":100,"history":[{"nsSinceBoot":)"));
   EXPECT_EQ(writtenToPipe([&](int fd) { root->statsRenderJsonToBlockingFdForTest(fd, true, true, true); }), doc);
   EXPECT_VALID_DOCUMENTS({doc, root->statsRenderJsonToString(false, false, false)});
+}
+
+// Task groups appear under the scheduler their parent task runs on, in the
+// order they were made, each joined to its parent task's record by key.
+TEST_F(Snapshot, TaskGroupsAreSubSchedulersInTheOrderMade) {
+  const auto a = Tolan::TaskGroupIs("a", P::normal, root), b = Tolan::TaskGroupIs("b", P::low, root);
+  const auto inner = Tolan::TaskGroupIs("inner", P::normal, a);
+  const auto work = std::make_shared<Probe>(inner, P::normal, "work", &log);
+  work->scheduleTask();
+  drain();
+  const auto snap = root->snapshot(true, false, true, ~0u, false);
+  const auto& subs = snap->contents().subSchedulers;
+  ASSERT_EQ(subs.size(), 2u);
+  std::vector<std::string> keys;
+  for (const auto& record : snap->contents().tasks)
+    if (record.taskStatus().taskIsTaskGroup()) keys.push_back(TaskSchedulerSnapshot::subSchedulerKey(record));
+  std::sort(keys.begin(), keys.end());
+  EXPECT_EQ(keys, (std::vector<std::string>{subs[0].key, subs[1].key}));
+  EXPECT_THAT(subs[0].key, StartsWith("TaskGroup;a@"));
+  for (unsigned i = 0; i < 2; ++i) {
+    EXPECT_EQ(subs[i].snapshot.contents().displayOrder.raw(), i);
+    EXPECT_FALSE(subs[i].snapshot.contents().isRootScheduler);
+  }
+  const auto& nested = subs[0].snapshot.contents().subSchedulers;
+  ASSERT_EQ(nested.size(), 1u);
+  EXPECT_EQ(nested[0].snapshot.contents().schedulerName, "inner");
+  EXPECT_EQ(names(nested[0].snapshot.contents().tasks), std::vector<std::string>{"work"});
+  EXPECT_TRUE(root->snapshot(true, false, false)->contents().subSchedulers.empty());
+  const std::string doc = render({snap.get()});
+  EXPECT_THAT(doc, HasSubstr(R"("subSchedulers":{")" + subs[0].key + R"(":{"schedulerName":"a","displayOrder":0,)"));
+  EXPECT_VALID_DOCUMENTS({doc});
 }
 
 // Snapshots taken on the scheduler's thread, rendered and dropped on another
