@@ -101,6 +101,8 @@ class TOLAN_EXPORT TaskScheduler::SnapshotRenderJsonTask : public Task {
   bool finished() const noexcept { return finished_; }
   bool writeFailed() const noexcept { return writeTask_->writeFailed(); }
   size_t bytesWritten() const noexcept { return writeTask_->bytesWritten(); }
+  // The write task, for its statistics.
+  const SnapshotWriteJsonTask& writeTask() const noexcept { return *writeTask_; }
 
  private:
   void taskExecute() override;
