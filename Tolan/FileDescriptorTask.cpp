@@ -192,7 +192,7 @@ void FileDescriptorTask::resumeReadInterest() {
   readRepeats_ = 0;
   if (!readPaused_) return;
   readPaused_ = false;
-  if (control_ && watchReadable_) control_->setReads(true);
+  if (control_ && watchReadable_ && !readTask_->taskSuspended()) control_->setReads(true);
 }
 
 void FileDescriptorTask::taskWatchReadableIs(bool on) {
@@ -200,7 +200,7 @@ void FileDescriptorTask::taskWatchReadableIs(bool on) {
   if (on == watchReadable_) return;
   readPaused_ = false;
   watchReadable_ = on;
-  control_->setReads(on);
+  control_->setReads(on && !readTask_->taskSuspended());
   if (!on) readTask_->unscheduleTask();
 }
 
@@ -209,7 +209,7 @@ void FileDescriptorTask::taskWatchWritableIs(bool on) {
   if (on == watchWritable_) return;
   checkCreateWriteTask();
   watchWritable_ = on;
-  control_->setWrites(on);
+  control_->setWrites(on && !readTask_->taskSuspended());
   if (!on) writeTask_->unscheduleTask();
 }
 
@@ -300,9 +300,15 @@ void FileDescriptorTask::taskQuantumIs(TaskTimeDuration quantum) {
   if (writeTask_) writeTask_->taskQuantumIs(quantum);
 }
 
+// A suspended task's interest leaves the event loop: a readable descriptor
+// nobody reads would otherwise end every loop wait at once, and the loop
+// would spin until the task is resumed.
 void FileDescriptorTask::taskSuspendedIs(bool suspended) {
+  if (suspended == readTask_->taskSuspended()) return;
   readTask_->taskSuspendedIs(suspended);
   if (writeTask_) writeTask_->taskSuspendedIs(suspended);
+  if (watchReadable_) control_->setReads(!suspended);
+  if (watchWritable_) control_->setWrites(!suspended);
   if (suspended) return;
   // Resuming runs a task once; a half whose direction is not watched must
   // not run (the read half would fail, the write half report a stale

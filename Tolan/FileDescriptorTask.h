@@ -123,7 +123,8 @@ class TOLAN_EXPORT FileDescriptorTask : public _TaskBase, private Platform::FdEv
   uint32_t taskRunCountWritable() const noexcept;
 
   // Settings of both halves (a write half created later takes them over);
-  // the getters read the read half.
+  // the getters read the read half. A suspended task's interest is off the
+  // event loop; resuming runs each watched half once.
   TaskTimeDuration taskQuantum() const noexcept;
   void taskQuantumIs(TaskTimeDuration quantum);
   void taskSuspendedIs(bool suspended);

@@ -135,10 +135,15 @@ TEST_F(FdTask, SettingsCountersAndAssertions) {
   for (unsigned n : {7, 2}) p->taskWorkPendingWritableIs(n);
   EXPECT_EQ(p->taskWorkPendingWritableHighWaterMark().raw(), 7u);
 
-  // Suspension holds both halves; resuming runs the watched direction only.
+  // Suspension holds both halves and takes their interest off the loop (a
+  // readable descriptor would keep waking it); resuming runs the watched
+  // direction only.
   p->taskSuspendedIs(true);
   EXPECT_TRUE(p->writeTask()->taskSuspended());
   p->taskWatchWritableIs(false);
+  send(pair.b, "x");
+  Platform::doEventLoop(0.02);
+  EXPECT_EQ(count(Type::scheduleSus), 0u);
   p->taskSuspendedIs(false);
   EXPECT_TRUE(p->taskScheduledReadable() && !p->taskScheduledWritable());
 
