@@ -45,10 +45,10 @@ std::string state(const TimerTask& t) {
 TEST_F(TimerTaskTest, ArmingRules) {
   using Op = std::function<void(TimerTask&)>;
   const Op lowest5 = [](TimerTask& t) { t.scheduleTaskLowestDelay(5.0); };
+  const Op stop = [](TimerTask& t) { t.stopTimerTask(); };
   const Op delay5 = [](TimerTask& t) { t.scheduleTaskDelay(std::chrono::seconds(5)); };
   const Op never = [](TimerTask& t) { t.scheduleTaskDelay(kInf); };
   const Op now = [](TimerTask& t) { t.scheduleTaskLowestDelay(0.0); };
-  const Op stop = [](TimerTask& t) { t.stopTimerTask(); };
   const Op jitter0 = [](TimerTask& t) { t.scheduleTaskJitterUp(10.0, 0); };
   const std::tuple<double, Op, const char*> cases[] = {
       // start (-1 queued, 0 idle, else armed for that), operation, result
@@ -61,8 +61,7 @@ TEST_F(TimerTaskTest, ArmingRules) {
     op(*t);
     EXPECT_EQ(state(*t), result) << "from " << start;
     EXPECT_EQ(t->taskBusy(), state(*t) != "idle") << "busy means queued or armed";
-    EXPECT_EQ(t->taskStatus().taskTimerRunning(), t->timerRunning());
-    EXPECT_TRUE(t->taskStatus().taskTimer());
+    EXPECT_TRUE(t->taskStatus().taskTimer() && t->taskStatus().taskTimerRunning() == t->timerRunning());
     const double expected = t->timerRunning() ? Tolan::time() + t->timerRemaining()
                             : t->taskScheduled() ? Tolan::time() : kInf;
     if (expected == kInf) {
@@ -99,9 +98,7 @@ TEST_F(TimerTaskTest, JitterStaysInRangeInHundredthSteps) {
         ASSERT_NEAR(steps, std::round(steps), 0.01) << pct << up;
         seen.insert(std::lround(steps));
       }
-      EXPECT_EQ(*seen.begin(), 0);
-      EXPECT_LE(*seen.rbegin(), 100);
-      EXPECT_GE(seen.size(), 95u) << pct << up;
+      EXPECT_TRUE(*seen.begin() == 0 && *seen.rbegin() <= 100 && seen.size() >= 95) << pct << up;
     }
   }
 }
@@ -142,8 +139,7 @@ TEST_F(TimerTaskTest, ExpiryAndDestruction) {
   log.clear();
   Platform::doEventLoop(5.0);
   EXPECT_EQ(ran(), "dropper");
-  EXPECT_FALSE(root->timerWheel()->hasWheelTimers());
-  EXPECT_EQ(root->timerWheel()->timersExpiryingSoonSize(), 0u);
+  EXPECT_FALSE(root->timerWheel()->hasWheelTimers() || root->timerWheel()->timersExpiryingSoonSize());
 }
 
 }  // namespace
