@@ -21,13 +21,7 @@ TEST_F(TaskControlTest, ControlDroppedInsideItsOwnNotification) {
   Counting h;
   auto timer = Platform::getTimerControl(&h, root, TaskPriority::normal, "timer");
   auto callback = Platform::getCallbackControl(&h, root, TaskPriority::low, "callback");
-  h.then = [&] {
-    if (timer) {
-      timer->setTimeout(1.0), timer.reset();
-    } else {
-      callback->requestCallback(), callback.reset();
-    }
-  };
+  h.then = [&] { timer ? (timer->setTimeout(1.0), timer.reset()) : (callback->requestCallback(), callback.reset()); };
   const size_t before = root->registeredTaskCount();
   timer->setTimeout(0.0);
   callback->requestCallback();
@@ -36,8 +30,7 @@ TEST_F(TaskControlTest, ControlDroppedInsideItsOwnNotification) {
   EXPECT_EQ(root->registeredTaskCount(), before - 2);
   EXPECT_EQ(root->completedTaskStatForTest("timer").taskRunCount(), 1u);
   EXPECT_EQ(root->completedTaskStatForTest("callback").taskRunCount(), 1u);
-  EXPECT_EQ(root->runnableTaskCount(), 0u);
-  EXPECT_FALSE(root->timerWheel()->hasWheelTimers());
+  EXPECT_FALSE(root->runnableTaskCount() || root->timerWheel()->hasWheelTimers());
 }
 
 }  // namespace

@@ -108,12 +108,12 @@ TEST_F(TimerTaskTest, JitterStaysInRangeInHundredthSteps) {
 // leaves the wheel empty.
 TEST_F(TimerTaskTest, ExpiryAndDestruction) {
   std::vector<std::shared_ptr<Timed>> tasks;
+  std::vector<double> due;
   for (int i = 0; i < 40; ++i) {
     tasks.push_back(timed(std::to_string(i)));
     tasks.back()->scheduleTaskDelay(0.5 + (i * 7919 % 40) * 0.25);
+    due.push_back(tasks.back()->currentExpirationTime());
   }
-  std::vector<double> due;
-  for (auto& t : tasks) due.push_back(t->currentExpirationTime());
   tasks[3]->stopTimerTask();
   auto periodic = timed("p", [](Timed& self) {
     if (self.at.size() < 5) self.scheduleTaskDelay(3.0);
