@@ -25,7 +25,7 @@
 // not: setTimeout() refuses NaN and infinities ("Invalid timeout {}", where a
 // timer task would take +infinity as "stop"), fires negative delays on the
 // next pass and clamps long ones to kMaxTimeoutSeconds; remainingTimeout()
-// is 0.0, not +infinity, from expiry until the handler has run; and an
+// is 0.0, not +infinity, from expiry until the handler is called; and an
 // exception from the handler is offered to its handle*Exception() first
 // (true swallows it), as every other control does. An exception it does not
 // swallow leaves the event loop like any task's.
@@ -43,6 +43,9 @@
 #include "Tolan/Platform.h"
 #include "Tolan/Task.h"
 #include "Tolan/TimerTask.h"
+
+// The descriptor control, the third of the unit.
+#include "Tolan/TaskFdControl.h"
 
 namespace Tolan {
 namespace Platform {

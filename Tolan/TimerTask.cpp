@@ -130,12 +130,13 @@ void TimerTask::scheduleTaskDelayedPrivate(Time delay, bool restart) {
     scheduleTask();
     return;
   }
-  if (restart) {
+  if (taskOnRunQueue()) {
+    if (!restart) {
+      // Queued runs now, which is sooner than any delay.
+      TOLAN_TRACE(dbg(), 8, "Already on runQueue {}", *this);
+      return;
+    }
     unscheduleTaskPrivate(now);
-  } else if (taskOnRunQueue()) {
-    // Queued runs now, which is sooner than any delay.
-    TOLAN_TRACE(dbg(), 8, "Already on runQueue {}", *this);
-    return;
   }
   // Without restart an armed timer that fires at or before `delay` stays.
   if (!restart && delay >= timerRemaining()) {
@@ -146,14 +147,18 @@ void TimerTask::scheduleTaskDelayedPrivate(Time delay, bool restart) {
   TimerWheelEvent::setTimeout(wheel(), delay);
   TOLAN_TRACE(dbg(), 8, "Timer started {} delay {}", *this, delay);
   scheduler_->history().insertTaskEvent(now, Type::timerStart, taskName_);
-  taskBusyIs(taskScheduled(), now);
+  taskBusyIs(true, now);  // armed
 }
 
 void TimerTask::stopTimerTask() {
   sanityCheckCurrentRunningThread();
   const TaskTimePoint now = Impl::taskNow();
   if (!stopTimer(now)) TOLAN_TRACE(dbg(), 9, "Timer stopped {}, was not running", *this);
-  unscheduleTaskPrivate(now);
+  if (taskOnRunQueue()) {
+    unscheduleTaskPrivate(now);
+  } else {
+    taskBusyIs(false, now);  // neither armed nor queued
+  }
 }
 
 bool TimerTask::stopTimer(TaskTimePoint now) {

@@ -34,7 +34,8 @@ class Poller : public Tolan::TimerTask {
 
 class Connection : public Tolan::Task {
  public:
-  explicit Connection(std::shared_ptr<Tolan::TaskScheduler> group) : Task(std::move(group), TaskPriority::normal, "conn") {}
+  explicit Connection(std::shared_ptr<Tolan::TaskScheduler> group)
+      : Task(std::move(group), TaskPriority::normal, "conn") {}
   void taskExecute() override { ++handled; }
   static inline long handled = 0;
 };

@@ -11,12 +11,13 @@
 
 static std::atomic<long> allocations{0};
 
-void* operator new(std::size_t size) {
+// Out of line, so that the compiler does not pair an inlined malloc() or free()
+// with the other operator.
+__attribute__((noinline)) void* operator new(std::size_t size) {
   allocations.fetch_add(1, std::memory_order_relaxed);
   if (void* p = std::malloc(size ? size : 1)) return p;
   throw std::bad_alloc();
 }
-// Out of line, so that the compiler does not pair an inlined free() with new.
 __attribute__((noinline)) void operator delete(void* p) noexcept { std::free(p); }
 __attribute__((noinline)) void operator delete(void* p, std::size_t) noexcept { std::free(p); }
 
@@ -51,6 +52,27 @@ TEST_F(TaskAllocation, SteadyStateRunsAndSchedulingAllocateNothing) {
   }
   EXPECT_EQ(allocations.load() - before, 0);
   EXPECT_EQ(runs, 1400);
+}
+
+// Timer tasks are re-armed once per connection and request: every arming
+// form and the stop, on a wheel that holds other timers.
+TEST_F(TaskAllocation, ReArmingATimerTaskAllocatesNothing) {
+  struct Timer : TimerTask {
+    using TimerTask::TimerTask;
+    void taskExecute() override {}
+  };
+  std::vector<std::shared_ptr<Timer>> timers;
+  for (int i = 0; i < 100; ++i) timers.push_back(std::make_shared<Timer>(root, TaskPriority::normal, "t"));
+  for (int i = 0; i < 100; ++i) timers[i]->scheduleTaskDelay(1.0 + i * 37.0);
+  Timer& t = *timers[0];
+  const long before = allocations.load();
+  for (int i = 0; i < 1000; ++i) {
+    t.scheduleTaskDelay(0.5 + i * 3.7);
+    t.scheduleTaskLowestDelay(0.1);
+    t.scheduleTaskJitterDown(2.0, 50);
+    t.stopTimerTask();
+  }
+  EXPECT_EQ(allocations.load() - before, 0);
 }
 
 }  // namespace

@@ -11,25 +11,24 @@ namespace {
 
 class TaskGroupTest : public SchedulerFixture {
  protected:
-  // Tasks of `group` named after the letters of `names`, each running
-  // `runs` times by rescheduling itself, all scheduled in order.
-  std::vector<std::shared_ptr<Probe>> selfRescheduling(const std::shared_ptr<TaskScheduler>& group,
-                                                       const std::string& names, int runs) {
-    std::vector<std::shared_ptr<Probe>> tasks;
+  // One task of `scheduler` per letter of `names`, each rescheduling itself
+  // until it has run `runs` times; all scheduled in order.
+  std::vector<std::shared_ptr<Probe>> tasks(std::shared_ptr<TaskScheduler> scheduler, const std::string& names,
+                                            uint32_t runs) {
+    std::vector<std::shared_ptr<Probe>> out;
     for (char c : names) {
-      tasks.push_back(std::make_shared<Probe>(group, TaskPriority::normal, std::string(1, c), &log,
-                                              [runs](Probe& p) {
-                                                if (static_cast<int>(p.taskRunCount()) < runs) p.scheduleTask();
-                                              }));
-      tasks.back()->scheduleTask();
+      out.push_back(std::make_shared<Probe>(scheduler, TaskPriority::normal, std::string(1, c), &log, [runs](Probe& p) {
+        if (p.taskRunCount() < runs) p.scheduleTask();
+      }));
+      out.back()->scheduleTask();
     }
-    return tasks;
+    return out;
   }
-  // Runs the loop one pass at a time until the root is idle; the runs of
-  // one pass (one turn of a group on the root) are joined, passes split by '|'.
+  // The runs of each loop pass (one turn of a group on the root) joined,
+  // passes split by '|', until the root is idle.
   std::string turns() {
     std::string out;
-    for (int guard = 0; root->schedulerHasRunnableTasks() && guard < 1000; ++guard) {
+    for (int guard = 0; root->schedulerHasRunnableTasks() && guard < 100; ++guard) {
       pass();
       std::string joined;
       for (const auto& name : log) joined += name;
@@ -41,77 +40,55 @@ class TaskGroupTest : public SchedulerFixture {
 };
 
 TEST_F(TaskGroupTest, TurnsWithAndWithoutMultipleRuns) {
-  struct Case {
-    bool multipleRuns;
-    TaskTimeDuration quantum;
-    const char* turns;
-  };
   const TaskTimeDuration longQ = kMaxTaskQuantum, shortQ{0};  // 0: yield after every run
-  const Case cases[] = {
-      {false, longQ, "abcd|abcd|abcd"},
-      {true, longQ, "abcdabcdabcd"},
-      {false, shortQ, "a|b|c|d|a|b|c|d|a|b|c|d"},
-      {true, shortQ, "a|b|c|d|a|b|c|d|a|b|c|d"},
-  };
-  for (const Case& c : cases) {
-    auto group = TaskGroupIs("g", TaskPriority::normal, c.multipleRuns, root);
-    group->taskGroupQuantumIs(c.quantum);
-    const auto tasks = selfRescheduling(group, "abcd", 3);
-    EXPECT_TRUE(group->parentTaskScheduled());
-    EXPECT_EQ(turns(), c.turns) << c.multipleRuns << " " << c.quantum.count();
-    EXPECT_EQ(group->parentTaskRunCount(), std::count(c.turns, c.turns + strlen(c.turns), '|') + 1u);
+  const std::tuple<bool, TaskTimeDuration, const char*> cases[] = {{false, longQ, "abcd|abcd|abcd"},
+                                                                    {true, longQ, "abcdabcdabcd"},
+                                                                    {false, shortQ, "a|b|c|d|a|b|c|d|a|b|c|d"},
+                                                                    {true, shortQ, "a|b|c|d|a|b|c|d|a|b|c|d"}};
+  for (const auto& [multipleRuns, quantum, expected] : cases) {
+    auto group = TaskGroupIs("g", TaskPriority::normal, multipleRuns, root);
+    group->taskGroupQuantumIs(quantum);
+    const auto t = tasks(group, "abcd", 3);
+    EXPECT_EQ(turns(), expected) << multipleRuns;
+    EXPECT_EQ(group->parentTaskRunCount(), std::count(expected, expected + strlen(expected), '|') + 1u);
     EXPECT_FALSE(group->parentTaskScheduled()) << "an idle group leaves its parent task unscheduled";
-    EXPECT_FALSE(group->schedulerHasRunnableTasks());
   }
-  // Forcing the group to yield in tests makes every turn one run.
   auto group = TaskGroupIs("g", TaskPriority::normal, true, root);
   group->taskGroupForceYieldInTestIs(true);
-  const auto tasks = selfRescheduling(group, "ab", 2);
+  const auto t = tasks(group, "ab", 2);
   EXPECT_EQ(turns(), "a|b|a|b");
 }
 
-// The group is one task of the root: the root's own tasks take turns with
-// it; inside, the inner group is one task of the outer.
+// The root's own task takes turns with the outer group, and the inner group
+// is one task of the outer.
 TEST_F(TaskGroupTest, GroupInsideAGroup) {
   auto outer = TaskGroupIs("outer", TaskPriority::normal, root);
   auto inner = TaskGroupIs("inner", TaskPriority::normal, outer);
-  EXPECT_EQ(root->registeredSchedulerCount(), 3u);
-  const auto innerTasks = selfRescheduling(inner, "xy", 2);
-  const auto outerTasks = selfRescheduling(outer, "o", 2);
-  const auto rootTasks = selfRescheduling(root, "r", 2);
+  const auto x = tasks(inner, "xy", 2), o = tasks(outer, "o", 2), r = tasks(root, "r", 2);
   EXPECT_EQ(turns(), "xyo|r|xyo|r");
   EXPECT_TRUE(outer->taskStatForTest("TaskGroup;inner").taskStatus().taskIsTaskGroup());
-  EXPECT_EQ(root->taskStatForTest("TaskGroup;outer").taskWorkCountTotal(), 4u) << "runs of the outer turns";
-  EXPECT_FALSE(outer->parentTaskScheduled() || inner->parentTaskScheduled());
-  inner.reset();  // its tasks still hold it
-  EXPECT_EQ(root->registeredSchedulerCount(), 3u);
-  innerTasks[0]->scheduleTask();
-  EXPECT_EQ(turns(), "x");
+  EXPECT_EQ(root->taskStatForTest("TaskGroup;outer").taskWorkCountTotal(), 4u);
 }
 
-TEST_F(TaskGroupTest, PriorityAndQuantumRules) {
+TEST_F(TaskGroupTest, PriorityQuantumAndReset) {
   auto group = TaskGroupIs("g", TaskPriority::normal, root);
-  EXPECT_ASSERTS(std::make_shared<Probe>(group, TaskPriority::high, "h", &log), "taskPriority( high ) != taskGroupPriority( normal )");
+  EXPECT_ASSERTS(Probe(group, TaskPriority::high, "h", &log), "taskPriority( high ) != taskGroupPriority( normal )");
   EXPECT_ASSERTS(TaskGroupIs("in", TaskPriority::low, group), "taskPriority( low ) != taskGroupPriority( normal )");
   EXPECT_EQ(root->registeredSchedulerCount(), 2u) << "a refused group is not left registered";
   EXPECT_ASSERTS(group->taskGroupQuantumIs(TaskTimeDuration(2000000000)), "Quantum: 2000000000");
-  group->taskGroupQuantumNoCheckIs(TaskTimeDuration(2000000000));
-  EXPECT_EQ(group->taskGroupQuantum().count(), 2000000000);
-  // The group's statistics reset runs inside the group, at its priority.
-  const auto tasks = selfRescheduling(group, "a", 1);
+  const auto t = tasks(group, "a", 1);
   turns();
-  group->resetStats();
+  group->resetStats();  // its reset task runs inside the group, at the group's priority
   EXPECT_EQ(turns(), "");
-  EXPECT_EQ(tasks[0]->taskRunCount(), 0u);
+  EXPECT_EQ(t[0]->taskRunCount(), 0u);
 }
 
-// A throwing task leaves the loop; the group's queues are put back and the
-// remaining tasks run on the next call.
-TEST_F(TaskGroupTest, ThrowingTaskLeavesTheLoopAndTheGroupCarriesOn) {
-  auto group = TaskGroupIs("g", TaskPriority::normal, false, root);
-  auto bad = std::make_shared<Probe>(group, TaskPriority::normal, "!", &log, [](Probe&) { throw std::runtime_error("x"); });
-  bad->scheduleTask();
-  const auto tasks = selfRescheduling(group, "ab", 2);
+// The queues are put back after a throwing task; the rest run on the next call.
+TEST_F(TaskGroupTest, ThrowingTask) {
+  auto group = TaskGroupIs("g", TaskPriority::normal, root);
+  Probe bad(group, TaskPriority::normal, "!", &log, [](Probe&) { throw std::runtime_error("x"); });
+  bad.scheduleTask();
+  const auto t = tasks(group, "ab", 2);
   EXPECT_THROW(drain(), std::runtime_error);
   EXPECT_EQ(ran(), "!");
   EXPECT_EQ(turns(), "ab|ab");
