@@ -176,6 +176,10 @@ class Connection : public Tolan::FileDescriptorTask {
       const ssize_t n = ::read(fd_, buf, sizeof buf);
       if (n > 0) {
         if (!lingering_) feed(buf, size_t(n));
+        // A short read emptied the socket: asking again would only say
+        // EAGAIN, one system call per request wasted. More input is
+        // reported by the loop.
+        if (size_t(n) < sizeof buf) break;
         continue;
       }
       if (n < 0 && errno == EINTR) continue;
