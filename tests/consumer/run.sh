@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs a built libTolan into a scratch prefix, checks the installed tree
 # (exactly the public headers, each compiling on its own; the versioned
-# library; its dynamic symbol table), then builds and runs the consumer in
+# library; its dynamic symbol table; tolan-httpd), then builds and runs the consumer in
 # this directory against that tree twice: once through find_package(Tolan),
 # once through pkg-config.
 #
@@ -107,6 +107,13 @@ check_loads_installed() {
   resolved=$(ldd "$exe" | awk '$1 == "'"$soname"'" { print $3 }')
   [ "$(readlink -f "$resolved")" = "$real" ] || fail "$exe loads '$resolved' instead of the installed $soname"
 }
+
+# ---- the installed server ----
+httpd=$prefix/bin/tolan-httpd
+[ -x "$httpd" ] || fail "bin/tolan-httpd not installed"
+check_loads_installed "$httpd"
+"$httpd" --help | grep -q '^usage: tolan-httpd' || fail "the installed tolan-httpd does not run"
+step "bin/tolan-httpd runs against the installed library"
 
 # ---- find_package ----
 generator=()
