@@ -36,17 +36,7 @@ const std::string kHelp =
     "Usage:\n  TRACEFORMAT=field,field,...\nList of possible fields:\n"
     "  date\n  time\n  pid\n  tid\n  handle\n  level\n  line-info\n  func-name\n";
 
-static std::string switches() {
-  testing::internal::CaptureStdout();
-  Tolan::Platform::printAllTraceFormat();
-  return testing::internal::GetCapturedStdout();
-}
-
-static std::string slurp(const std::string& path) {
-  std::stringstream s;
-  s << std::ifstream(path).rdbuf();
-  return s.str();
-}
+static std::string switches() { return stdoutOf(Tolan::Platform::printAllTraceFormat); }
 
 // Each test puts the default format back.
 class TraceOutput : public Test {
@@ -203,8 +193,8 @@ TEST(TraceStartup, TraceFileIsOpenedAtLoadAndReconsideredBySetup) {
                              "setup", "trace Tolan 1 six"},
                             {{"TRACEFILE", a}, {"TRACEFORMAT", ""}});
   ASSERT_TRUE(c.exitedWith(0)) << c.describe();
-  EXPECT_EQ(slurp(a), "one\ntwo\n");
-  EXPECT_EQ(slurp(b), "six\n");
+  EXPECT_EQ(fileText(a), "one\ntwo\n");
+  EXPECT_EQ(fileText(b), "six\n");
   EXPECT_THAT(c.err, StartsWith("four\nError opening TRACEFILE="));
   EXPECT_THAT(c.err, EndsWith("Defaulting to std::cerr for trace output.\nfive\n"));
 }
@@ -249,7 +239,7 @@ TEST(TraceStartup, TheTraceFileNeverHangsLeaksKillsOrLosesLines) {
                              "trace Tolan 1 four"},
                             {{"TRACEFILE", log}, {"TRACEFORMAT", ""}});
   EXPECT_TRUE(c.exitedWith(0)) << c.describe();
-  EXPECT_EQ(slurp(log), one + "\nfour\n");
+  EXPECT_EQ(fileText(log), one + "\nfour\n");
   EXPECT_THAT(c.err, EndsWith("File too large\nDefaulting to std::cerr for trace output.\nthree\n"));
 }
 

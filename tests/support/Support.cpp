@@ -51,6 +51,24 @@ std::string traceOf(Tolan::Platform::DebugHandler& handler, const std::string& l
   return text;
 }
 
+std::string stdoutOf(const std::function<void()>& body) {
+  testing::internal::CaptureStdout();
+  body();
+  return testing::internal::GetCapturedStdout();
+}
+
+std::string fileText(const std::string& path) {
+  std::stringstream text;
+  text << std::ifstream(path).rdbuf();
+  return text.str();
+}
+
+size_t occurrences(const std::string& text, const std::string& needle) {
+  size_t n = 0;
+  for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++n;
+  return n;
+}
+
 void Counting::timeout() {
   at.push_back(Tolan::time());
   note(fired);
