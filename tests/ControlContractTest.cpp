@@ -138,6 +138,19 @@ TEST_P(ControlContract, HandlerExceptionsLeaveTheLoopUnlessSwallowed) {
   }
 }
 
+// A handler may re-arm, then drop, its own control: for a wheel timer the
+// wheel's last owner, for a task-backed one its task. The notification must
+// end on live objects (the sanitizer build checks) and nothing stays armed.
+TEST_P(ControlContract, AHandlerMayDropItsOwnControl) {
+  Counting h;
+  Control c = make(h);
+  h.then = [&] { c.arm(1.0), c = Control(); };
+  c.arm(0.0);
+  runOut(5.0);
+  EXPECT_EQ(h.notified(), 1);
+  EXPECT_EQ(doEventLoop(), 1);
+}
+
 // Late only by the real time spent: under fast-forward a timer fired on a
 // 10 ms tick, or behind a later one, would be milliseconds late.
 TEST_P(TimerContract, ReArmingReplacesAndExpiryIsExactNeverEarly) {
