@@ -37,6 +37,7 @@ struct Row {
   const char* name;
   Control (*make)(Counting* handler);
 };
+void PrintTo(const Row& row, std::ostream* os) { *os << row.name; }
 const Row kTimers[] = {
     {"Libevent", [](Counting* h) { return Control{getTimerControl(h), nullptr}; }},
     {"LibeventStrictHigh", [](Counting* h) { return Control{getTimerControl(h, eventPriorityStrictHigh), nullptr}; }},
@@ -244,6 +245,7 @@ struct FdRow {
   std::shared_ptr<FdControl> (*make)(Counting* handler, const char* name);
   bool isTask;
 };
+void PrintTo(const FdRow& row, std::ostream* os) { *os << row.name; }
 const FdRow kFds[] = {
     {"Libevent", [](Counting* h, const char*) { return getFdControl(h); }, false},
     {"Task", [](Counting* h, const char* name) {

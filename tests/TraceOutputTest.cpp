@@ -2,7 +2,7 @@
 // the formatting of values in messages. What is read at load, and the file,
 // are seen from child processes (trace_probe).
 //
-// This program counts heap allocations: it replaces operator new.
+// This program counts heap allocations (support/CountingNew.h).
 #include <sys/time.h>
 
 #include <sys/stat.h>
@@ -13,21 +13,11 @@
 #include "Tolan/DebugOutput.h"
 #include "Tolan/Fmt.h"
 #include "Tolan/Thread.h"
+#include "support/CountingNew.h"
 #include "support/Support.h"
 
 using Tolan::Platform::setTraceFormat;
 using namespace TolanTest;
-
-thread_local int tlsAllocations = -1;  // counting when not negative
-
-void* operator new(std::size_t size) {
-  if (tlsAllocations >= 0) ++tlsAllocations;
-  if (void* p = std::malloc(size ? size : 1)) return p;
-  throw std::bad_alloc();
-}
-// Out of line, so that the compiler does not pair an inlined free() with new.
-__attribute__((noinline)) void operator delete(void* p) noexcept { std::free(p); }
-__attribute__((noinline)) void operator delete(void* p, std::size_t) noexcept { std::free(p); }
 
 constexpr const char* kDefaultFormat = "date,time,tid,handle,level";
 constexpr const char* kDefaultSwitches = "1 1 0 1 1 1 0 0\n";
@@ -114,12 +104,13 @@ TEST_F(TraceOutput, MessagesWholeAndWithoutAllocationUpTo500Characters) {
     std::string text;
     for (size_t i = 0; text.size() < size; ++i) text += static_cast<char>('a' + i % 26);
     const char* message = text.c_str();
-    int allocations = 0, line = 0;
+    long allocations = 0;
+    int line = 0;
     const std::string out = traceOf([&] {
-      tlsAllocations = 0;
+      allocations = -allocationsOnThisThread;
       line = __LINE__ + 1;
       TOLAN_TRACE(h, 5, "{}", message);
-      allocations = std::exchange(tlsAllocations, -1);
+      allocations += allocationsOnThisThread;
     });
     if (std::exchange(warm, true)) {
       EXPECT_EQ(allocations > 0, size > 500) << size << " characters: " << allocations;

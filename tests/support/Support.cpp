@@ -114,15 +114,21 @@ void ForkedChild::finish() {
   pid_ = -1;
 }
 
-int exitStatusInChild(const std::function<int()>& body, std::chrono::seconds limit) {
-  const pid_t pid = fork();
-  if (pid == 0) _exit(body());
+// The wait status of child `pid`, killed if still running after `limit`.
+static int waitStatus(pid_t pid, std::chrono::seconds limit) {
   const auto deadline = std::chrono::steady_clock::now() + limit;
   int status = 0;
   while (waitpid(pid, &status, WNOHANG) == 0) {
     if (std::chrono::steady_clock::now() > deadline) kill(pid, SIGKILL);
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
+  return status;
+}
+
+int exitStatusInChild(const std::function<int()>& body, std::chrono::seconds limit) {
+  const pid_t pid = fork();
+  if (pid == 0) _exit(body());
+  const int status = waitStatus(pid, limit);
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
@@ -169,12 +175,7 @@ ChildResult runChild(const std::string& program, const std::vector<std::string>&
     r.exitCode = 127;
     r.err = "cannot start " + program + ": " + std::strerror(rc);
   } else {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(1);
-    int status = 0;
-    while (waitpid(pid, &status, WNOHANG) == 0) {
-      if (std::chrono::steady_clock::now() > deadline) kill(pid, SIGKILL);
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
+    const int status = waitStatus(pid, std::chrono::seconds(60));
     r.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     r.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
     r.out = readAll(outFd);
