@@ -143,17 +143,8 @@ TEST(EventBase, GoesWithItsLastUserWhateverTheThreadDoes) {
 // it took, and the thread can try again later.
 TEST(EventBase, CreationWithoutDescriptorsFailsCleanly) {
   EXPECT_EQ(exitStatusInChild([] {
-              // Plain checks: the child reports by its exit status.
-              const auto asserts = [](auto call, const char* text) {
-                try {
-                  call();
-                } catch (const AssertException& e) {
-                  return std::strstr(e.what(), text) != nullptr;
-                }
-                return false;
-              };
               Counting h;  // a first assertion lets the unwinder take its pipe now
-              if (!asserts([&] { getTimerControl(&h, EventPriority(2)); }, "Failed to set priority")) return 2;
+              EXPECT_ASSERTS(getTimerControl(&h, EventPriority(2)), "Failed to set priority");
               leFree();
               const rlimit limit{64, 64};
               std::vector<int> filler;
@@ -161,8 +152,8 @@ TEST(EventBase, CreationWithoutDescriptorsFailsCleanly) {
               for (size_t spare = 0; spare < 4; ++spare) {
                 for (size_t i = 0; i < spare; ++i) ::close(filler[i]);
                 const int open = openFds();
-                if (!asserts([] { leInit(); }, "Failed to create event_base")) return 3;
-                if (openFds() != open || leInitialized()) return 4;
+                EXPECT_ASSERTS(leInit(), "Failed to create event_base");
+                if (HasFailure() || openFds() != open || leInitialized()) return 4;
                 for (size_t i = 0; i < spare; ++i) filler[i] = eventfd(0, 0);
               }
               for (int fd : filler) ::close(fd);
