@@ -282,7 +282,7 @@ TEST_P(FdContract, InterestsPersistOrAreOneShotAndClearEventsKeepsOrForgets) {
   doEventLoop(0.03);
   wc->setReads(false);
   wc->setFd(pipe.b);
-  for (int i = 1; i <= 2; ++i) {
+  for (int i = 1; i <= 2; ++i) {  // one notification per setWrites(true)
     wc->setWrites(true);
     doEventLoop(0.03);
     EXPECT_EQ(w.writes, i);
@@ -301,9 +301,9 @@ TEST_P(FdContract, InterestsPersistOrAreOneShotAndClearEventsKeepsOrForgets) {
   EXPECT_EQ(readsAfter(h, "z"), 0);
   c->delFd();
   EXPECT_EQ(c->getFd(), -1);
-  c->setReads(true);
+  c->setReads(true);  // no descriptor: arms nothing until the next setFd
   wc->setWrites(true);
-  wc.reset();
+  wc.reset();  // destruction lets go
   EXPECT_EQ(doEventLoop(), 1);
   EXPECT_EQ(w.writes, 2);
   c->setFd(pipe.a);
