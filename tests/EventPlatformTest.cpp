@@ -152,8 +152,15 @@ TEST(EventBase, CreationWithoutDescriptorsFailsCleanly) {
               for (size_t spare = 0; spare < 4; ++spare) {
                 for (size_t i = 0; i < spare; ++i) ::close(filler[i]);
                 const int open = openFds();
-                EXPECT_ASSERTS(leInit(), "Failed to create event_base");
-                if (HasFailure() || openFds() != open || leInitialized()) return 4;
+                // A plain check while starved: the sanitizers' own checks
+                // behind gMock's matchers need a descriptor.
+                bool refused = false;
+                try {
+                  leInit();
+                } catch (const AssertException& e) {
+                  refused = std::strstr(e.what(), "Failed to create event_base") != nullptr;
+                }
+                if (HasFailure() || !refused || openFds() != open || leInitialized()) return 4;
                 for (size_t i = 0; i < spare; ++i) filler[i] = eventfd(0, 0);
               }
               for (int fd : filler) ::close(fd);
