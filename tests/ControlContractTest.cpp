@@ -1,14 +1,17 @@
-// The contract of TimerControl and CallbackControl (Tolan/Platform.h), run
-// against every implementation, each in real time and under fast-forward.
+// The contract of TimerControl, CallbackControl and FdControl
+// (Tolan/Platform.h), run against every implementation; timers and callbacks
+// each in real time and under fast-forward.
 //
 // An implementation is a row: a name and a factory for its control, seen
 // through what all controls share (Control: arm, disarm, pending). Timer rows
 // also run TimerContract. The task-backed controls join as one more row in
-// kTimers and one in kCallbacks, whose factories make them on a scheduler.
+// kTimers, kCallbacks and kFds, whose factories make them on a scheduler.
+#include <fcntl.h>
+
 #include "Tolan/TaskControl.h"
 #include "Tolan/TaskScheduler.h"
 #include "Tolan/TimerWheel.h"
-#include "support/Support.h"
+#include "support/FdTesting.h"
 
 using namespace Tolan::Platform;
 using namespace TolanTest;
@@ -34,6 +37,7 @@ struct Row {
   const char* name;
   Control (*make)(Counting* handler);
 };
+void PrintTo(const Row& row, std::ostream* os) { *os << row.name; }
 const Row kTimers[] = {
     {"Libevent", [](Counting* h) { return Control{getTimerControl(h), nullptr}; }},
     {"LibeventStrictHigh", [](Counting* h) { return Control{getTimerControl(h, eventPriorityStrictHigh), nullptr}; }},
@@ -135,6 +139,19 @@ TEST_P(ControlContract, HandlerExceptionsLeaveTheLoopUnlessSwallowed) {
   }
 }
 
+// A handler may re-arm, then drop, its own control: for a wheel timer the
+// wheel's last owner, for a task-backed one its task. The notification must
+// end on live objects (the sanitizer build checks) and nothing stays armed.
+TEST_P(ControlContract, AHandlerMayDropItsOwnControl) {
+  Counting h;
+  Control c = make(h);
+  h.then = [&] { c.arm(1.0), c = Control(); };
+  c.arm(0.0);
+  runOut(5.0);
+  EXPECT_EQ(h.notified(), 1);
+  EXPECT_EQ(doEventLoop(), 1);
+}
+
 // Late only by the real time spent: under fast-forward a timer fired on a
 // 10 ms tick, or behind a later one, would be milliseconds late.
 TEST_P(TimerContract, ReArmingReplacesAndExpiryIsExactNeverEarly) {
@@ -218,4 +235,108 @@ TEST_P(TimerContract, ManyTimersFireOnceInExpiryOrder) {
     }
   }
   for (int i = 0; i < kCount; ++i) EXPECT_EQ(times[i], i % 3 != 0 || i % 7 == 1 ? 1 : 0) << "timer " << i;
+}
+
+// Descriptor controls. The task-backed one runs its notifications as the
+// named task and its write half, and its clearEvents() forgets the
+// descriptor where the event library's keeps it.
+struct FdRow {
+  const char* name;
+  std::shared_ptr<FdControl> (*make)(Counting* handler, const char* name);
+  bool isTask;
+};
+void PrintTo(const FdRow& row, std::ostream* os) { *os << row.name; }
+const FdRow kFds[] = {
+    {"Libevent", [](Counting* h, const char*) { return getFdControl(h); }, false},
+    {"Task", [](Counting* h, const char* name) {
+       return getFdControl(h, Tolan::schedulerRootTolan(), Tolan::TaskPriority::high, name);
+     }, true}};
+
+class FdContract : public TestWithParam<FdRow> {
+ protected:
+  std::shared_ptr<FdControl> make(Counting& h, const char* name) const { return GetParam().make(&h, name); }
+  // Read notifications in a short loop run after `data` went into the pipe.
+  int readsAfter(Counting& h, const char* data) {
+    const int before = h.reads;
+    EXPECT_EQ(::write(pipe.b, data, std::strlen(data)), ssize_t(std::strlen(data)));
+    doEventLoop(0.03);
+    return h.reads - before;
+  }
+  FdPair pipe{FdPair::pipe};
+};
+INSTANTIATE_TEST_SUITE_P(Fds, FdContract, ValuesIn(kFds), [](const auto& info) { return std::string(info.param.name); });
+
+// Fresh: no descriptor, reading. Read interest persists (unconsumed data is
+// reported on every pass), write interest is one-shot; without a descriptor
+// interest arms nothing; destruction lets go.
+TEST_P(FdContract, InterestsPersistOrAreOneShotAndClearEventsKeepsOrForgets) {
+  Counting h, w;
+  auto c = make(h, "reader"), wc = make(w, "writer");
+  EXPECT_EQ(c->getFd(), -1);
+  c->setFd(pipe.a);
+  EXPECT_TRUE(::fcntl(pipe.a, F_GETFL) & O_NONBLOCK);
+  h.consume = false;
+  EXPECT_GE(readsAfter(h, "x"), 2);
+  EXPECT_EQ(h.lastFd, pipe.a);
+  h.consume = true;
+  doEventLoop(0.03);
+  wc->setReads(false);
+  wc->setFd(pipe.b);
+  for (int i = 1; i <= 2; ++i) {  // one notification per setWrites(true)
+    wc->setWrites(true);
+    doEventLoop(0.03);
+    EXPECT_EQ(w.writes, i);
+  }
+  if (GetParam().isTask) {
+    const auto root = Tolan::schedulerRootTolan();
+    EXPECT_EQ(root->taskForTest("writer:write")->taskRunCount(), 2u);
+    EXPECT_EQ(root->taskForTest("reader")->taskPriority(), Tolan::TaskPriority::high);
+  }
+  c->clearEvents();
+  EXPECT_EQ(c->getFd(), GetParam().isTask ? -1 : pipe.a);
+  EXPECT_EQ(readsAfter(h, "y"), 0);
+  GetParam().isTask ? c->setFd(pipe.a) : c->setReads(true);  // arms again, read interest kept
+  EXPECT_EQ(readsAfter(h, ""), 1);
+  c->setReads(false);
+  EXPECT_EQ(readsAfter(h, "z"), 0);
+  c->delFd();
+  EXPECT_EQ(c->getFd(), -1);
+  c->setReads(true);  // no descriptor: arms nothing until the next setFd
+  wc->setWrites(true);
+  wc.reset();  // destruction lets go
+  EXPECT_EQ(doEventLoop(), 1);
+  EXPECT_EQ(w.writes, 2);
+  c->setFd(pipe.a);
+  EXPECT_EQ(readsAfter(h, ""), 1);
+}
+
+// A throwing readFdEvent/writeFdEvent: handleFdException, told the
+// descriptor, decides. Swallowed, notifications go on; otherwise the
+// exception leaves the loop, and no loop break event is left behind.
+TEST_P(FdContract, HandlerExceptionsSwallowedOrLeaveTheLoop) {
+  for (int row = 0; row < 4; ++row) {
+    const bool swallow = row & 1, write = row & 2;
+    SCOPED_TRACE(row);
+    Counting h;
+    h.throwIt = true;
+    h.swallow = swallow;
+    auto c = make(h, "bad");
+    c->setReads(!write);
+    c->setWrites(write);
+    c->setFd(write ? pipe.b : pipe.a);
+    if (swallow) {
+      EXPECT_EQ(readsAfter(h, "x"), write ? 0 : 1);
+      EXPECT_EQ(readsAfter(h, "x"), write ? 0 : 1);
+    } else {
+      EXPECT_THROWS_WITH(readsAfter(h, "x"), std::runtime_error, "handler failed");
+    }
+    EXPECT_EQ(h.exceptionFd, write ? pipe.b : pipe.a);
+    EXPECT_EQ(h.writes, write ? 1 : 0);
+    c.reset();
+    ::fcntl(pipe.a, F_SETFL, O_NONBLOCK);
+    char drain[16];
+    while (::read(pipe.a, drain, sizeof drain) > 0) {
+    }
+    EXPECT_EQ(doEventLoop(), 1);
+  }
 }

@@ -13,18 +13,10 @@ static std::string displayNew(const char* name) { return display(getDebugHandler
 
 // The indented lines of one section ("Specific", "Wildcard", "Handlers") of dumpTolanDebugMap.
 static std::string section(const std::string& title) {
-  testing::internal::CaptureStdout();
-  dumpTolanDebugMap();
-  const std::string map = testing::internal::GetCapturedStdout();
+  const std::string map = stdoutOf(dumpTolanDebugMap);
   size_t begin = map.find(title + ":\n") + title.size() + 2, end = begin;
   while (map.compare(end, 4, "    ") == 0) end = map.find('\n', end) + 1;
   return map.substr(begin, end - begin);
-}
-
-static int countOf(const std::string& text, const std::string& needle) {
-  int n = 0;
-  for (size_t pos = text.find(needle); pos != std::string::npos; pos = text.find(needle, pos + 1)) ++n;
-  return n;
 }
 
 // Handlers made directly, not by getDebugHandler, need the global lock.
@@ -84,14 +76,14 @@ TEST(DebugRules, ClearNarrowsAndDeletesRules) {
   setupTolanDebug("Leak*/59");
   clearTolanDebug("LeakFoo/5");
   EXPECT_THAT(section("Specific"), Not(HasSubstr("LeakFoo")));
-  EXPECT_EQ(countOf(section("Handlers"), "    LeakFoo/9\n"), 2);
+  EXPECT_EQ(occurrences(section("Handlers"), "    LeakFoo/9\n"), 2u);
   EXPECT_EQ(displayNew("LeakFoo"), "LeakFoo/59");
   before.reset();
-  EXPECT_EQ(countOf(section("Handlers"), "    LeakFoo/"), 1);
+  EXPECT_EQ(occurrences(section("Handlers"), "    LeakFoo/"), 1u);
   // Repeated, it reuses that one handler and narrows it further.
   for (int i = 0; i < 3; ++i) clearTolanDebug("LeakFoo/3");
-  EXPECT_EQ(countOf(section("Handlers"), "    LeakFoo/"), 1);
-  EXPECT_EQ(countOf(section("Handlers"), "    LeakFoo/9\n"), 1);
+  EXPECT_EQ(occurrences(section("Handlers"), "    LeakFoo/"), 1u);
+  EXPECT_EQ(occurrences(section("Handlers"), "    LeakFoo/9\n"), 1u);
 }
 
 // Only a final "*" makes a prefix; "*" among levels means all; other
@@ -129,7 +121,7 @@ TEST(DebugHandlers, EachUnregistersItselfNotAnotherOfItsName) {
   EXPECT_NE(first, second);
   second->enabledIs(6, true);
   first.reset();
-  EXPECT_EQ(countOf(section("Handlers"), "    Unreg/"), 1);
+  EXPECT_EQ(occurrences(section("Handlers"), "    Unreg/"), 1u);
   EXPECT_THAT(section("Handlers"), HasSubstr("    Unreg/6\n"));
   Handler* raw = makeHandler("UnregRaw", 0, false).release();
   EXPECT_THAT(section("Handlers"), HasSubstr("    UnregRaw/\n"));
@@ -174,7 +166,7 @@ TEST(DebugHandlers, TraceCallsOfEveryFormAndDebuggable) {
   EXPECT_EQ(calls, 5);
   for (int i = 1; i <= 4; ++i) EXPECT_THAT(out, HasSubstr(" EvalArgs 3 value " + std::to_string(i) + "\n"));
   EXPECT_THAT(out, HasSubstr(" EvalArgs 3 EvalArgs::operator()() value 5\n"));
-  EXPECT_EQ(countOf(out, "\n"), 5);
+  EXPECT_EQ(occurrences(out, "\n"), 5u);
   setupTolanDebug("EvalArgs/8");
   EXPECT_TRUE(TOLAN_TRACE_ENABLED(named, 8));
   auto unowned = makeHandler("DbgUnowned", 0, false);

@@ -1,5 +1,5 @@
 // The event platform on libevent beyond the control contract
-// (ControlContractTest): descriptors, priorities, the loop, the thread's base.
+// (ControlContractTest): priorities, the loop, the thread's base.
 #include <event2/event.h>
 #include <fcntl.h>
 #include <sys/eventfd.h>
@@ -14,76 +14,11 @@ using namespace Tolan;
 using namespace Tolan::Platform;
 using namespace TolanTest;
 
-struct Pipe {
-  Pipe() { EXPECT_EQ(::pipe(fds), 0); }
-  ~Pipe() { ::close(fds[0]), ::close(fds[1]); }
-  void put() { ASSERT_EQ(::write(fds[1], "x", 1), 1); }
-  int fds[2] = {-1, -1};
-};
-
 // Open descriptors below 1024, counted without opening one.
 static int openFds() {
   int n = 0;
   for (int fd = 0; fd < 1024; ++fd) n += ::fcntl(fd, F_GETFD) != -1;
   return n;
-}
-
-// Read interest persists, write interest is one-shot, clearEvents() keeps the
-// descriptor.
-TEST(FdControl, InterestsDescriptorAndHandlerExceptions) {
-  Pipe p;
-  Counting h, w;
-  h.consume = false;
-  auto c = getFdControl(&h), wc = getFdControl(&w);
-  EXPECT_EQ(c->getFd(), -1);
-  c->setFd(p.fds[0]);
-  EXPECT_TRUE(::fcntl(p.fds[0], F_GETFL) & O_NONBLOCK);
-  p.put();
-  wc->setReads(false);
-  wc->setWrites(true);
-  wc->setFd(p.fds[1]);
-  doEventLoop(0.02);
-  EXPECT_GE(h.reads, 2) << "unconsumed data is reported on every pass";
-  EXPECT_EQ(h.lastFd, p.fds[0]);
-  EXPECT_EQ(w.writes, 1);
-  wc->setWrites(true);
-  c->clearEvents();
-  EXPECT_EQ(c->getFd(), p.fds[0]);
-  h.reads = 0;
-  h.consume = true;
-  doEventLoop(0.02);
-  EXPECT_EQ(w.writes, 2);
-  EXPECT_EQ(h.reads, 0);
-  c->setReads(true);  // re-arms on the kept descriptor
-  doEventLoop(0.02);
-  EXPECT_EQ(h.reads, 1);
-  c->delFd();
-  EXPECT_EQ(c->getFd(), -1);
-  p.put();
-  c->setReads(true);  // no descriptor: arms nothing until the next setFd
-  wc->setWrites(true);
-  wc.reset();  // destruction lets go
-  EXPECT_EQ(doEventLoop(), 1);
-  EXPECT_EQ(w.writes, 2);
-  c->setFd(p.fds[0]);
-  doEventLoop(0.02);
-  EXPECT_EQ(h.reads, 2);
-  // An exception leaves the loop unless swallowed; the handler learns the descriptor.
-  h.throwIt = true;
-  for (bool swallow : {true, false}) {
-    h.swallow = swallow;
-    p.put();
-    try {
-      doEventLoop(swallow ? 0.02 : 1.0);
-      EXPECT_TRUE(swallow);
-    } catch (const std::runtime_error&) {
-      EXPECT_FALSE(swallow);
-    }
-    EXPECT_EQ(h.exceptionFd, p.fds[0]);
-  }
-  EXPECT_EQ(h.reads, 4);
-  c->delFd();
-  EXPECT_EQ(doEventLoop(), 1) << "a loop break event was left behind";
 }
 
 // Failures that end the process: libevent's fatal error must not unwind
@@ -208,17 +143,8 @@ TEST(EventBase, GoesWithItsLastUserWhateverTheThreadDoes) {
 // it took, and the thread can try again later.
 TEST(EventBase, CreationWithoutDescriptorsFailsCleanly) {
   EXPECT_EQ(exitStatusInChild([] {
-              // Plain checks: the child reports by its exit status.
-              const auto asserts = [](auto call, const char* text) {
-                try {
-                  call();
-                } catch (const AssertException& e) {
-                  return std::strstr(e.what(), text) != nullptr;
-                }
-                return false;
-              };
               Counting h;  // a first assertion lets the unwinder take its pipe now
-              if (!asserts([&] { getTimerControl(&h, EventPriority(2)); }, "Failed to set priority")) return 2;
+              EXPECT_ASSERTS(getTimerControl(&h, EventPriority(2)), "Failed to set priority");
               leFree();
               const rlimit limit{64, 64};
               std::vector<int> filler;
@@ -226,8 +152,15 @@ TEST(EventBase, CreationWithoutDescriptorsFailsCleanly) {
               for (size_t spare = 0; spare < 4; ++spare) {
                 for (size_t i = 0; i < spare; ++i) ::close(filler[i]);
                 const int open = openFds();
-                if (!asserts([] { leInit(); }, "Failed to create event_base")) return 3;
-                if (openFds() != open || leInitialized()) return 4;
+                // A plain check while starved: the sanitizers' own checks
+                // behind gMock's matchers need a descriptor.
+                bool refused = false;
+                try {
+                  leInit();
+                } catch (const AssertException& e) {
+                  refused = std::strstr(e.what(), "Failed to create event_base") != nullptr;
+                }
+                if (HasFailure() || !refused || openFds() != open || leInitialized()) return 4;
                 for (size_t i = 0; i < spare; ++i) filler[i] = eventfd(0, 0);
               }
               for (int fd : filler) ::close(fd);

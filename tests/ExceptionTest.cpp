@@ -125,16 +125,9 @@ static std::string stderrOfDeath(const char* verbosity, const std::function<void
         _exit(0);
       },
       KilledBySignal(SIGABRT), "");
-  std::stringstream text;
-  text << std::ifstream(path).rdbuf();
+  const std::string text = fileText(path);
   unlink(path.c_str());
-  return text.str();
-}
-
-static size_t count(const std::string& text, const std::string& what) {
-  size_t n = 0;
-  for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
-  return n;
+  return text;
 }
 
 // Thrown where nothing may propagate, so that the runtime (not the test
@@ -224,13 +217,13 @@ TEST(ProcessEndDeathTest, TerminateReportsWhatWasInFlightAndAStackUnlessQuiet) {
   for (size_t i = 0; i < std::size(cases); ++i) {
     SCOPED_TRACE(cases[i].report);
     EXPECT_THAT(verbose[i], StartsWith(cases[i].report + "Timestamp:"));
-    EXPECT_EQ(count(verbose[i], "Backtrace:\n"), 1u) << verbose[i];
+    EXPECT_EQ(occurrences(verbose[i], "Backtrace:\n"), 1u) << verbose[i];
     if (cases[i].ownStack) {
       EXPECT_THAT(quiet[i], StartsWith(cases[i].report + "Timestamp:"));
     } else {
       EXPECT_EQ(quiet[i], cases[i].report);
     }
-    EXPECT_EQ(count(quiet[i], "Backtrace:\n"), cases[i].ownStack ? 1u : 0u);
+    EXPECT_EQ(occurrences(quiet[i], "Backtrace:\n"), cases[i].ownStack ? 1u : 0u);
   }
 #if !defined(__SANITIZE_THREAD__)  // instrumented frames have cleanups: the runtime ends it from _Unwind_Resume
   EXPECT_THAT(verbose[0], HasSubstr("(__cxa_throw+0x"));  // the stack is taken with the throw still on it

@@ -1,25 +1,8 @@
 // Heap allocations on the scheduler's hot paths, counted by replacing the
-// global operator new in this test binary (libevent's own malloc calls are
-// not counted; the event loop's are not the scheduler's).
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <cstdlib>
-#include <new>
-
+// global operator new (libevent's own malloc calls are not counted; the
+// event loop's are not the scheduler's).
+#include "support/CountingNew.h"
 #include "support/SchedulerTesting.h"
-
-static std::atomic<long> allocations{0};
-
-// Out of line, so that the compiler does not pair an inlined malloc() or free()
-// with the other operator.
-__attribute__((noinline)) void* operator new(std::size_t size) {
-  allocations.fetch_add(1, std::memory_order_relaxed);
-  if (void* p = std::malloc(size ? size : 1)) return p;
-  throw std::bad_alloc();
-}
-__attribute__((noinline)) void operator delete(void* p) noexcept { std::free(p); }
-__attribute__((noinline)) void operator delete(void* p, std::size_t) noexcept { std::free(p); }
 
 namespace {
 
@@ -42,7 +25,7 @@ TEST_F(TaskAllocation, SteadyStateRunsAndSchedulingAllocateNothing) {
     }
   };
   spin(3);  // warm-up: names interned, history full, the loop's structures grown
-  const long before = allocations.load();
+  const long before = TolanTest::allocationsOnThisThread;
   spin(10);
   root->tasksPerCallbackIs(16);
   spin(1);
@@ -50,7 +33,7 @@ TEST_F(TaskAllocation, SteadyStateRunsAndSchedulingAllocateNothing) {
     other->scheduleTask();
     other->unscheduleTask();
   }
-  EXPECT_EQ(allocations.load() - before, 0);
+  EXPECT_EQ(TolanTest::allocationsOnThisThread - before, 0);
   EXPECT_EQ(runs, 1400);
 }
 
@@ -65,14 +48,14 @@ TEST_F(TaskAllocation, ReArmingATimerTaskAllocatesNothing) {
   for (int i = 0; i < 100; ++i) timers.push_back(std::make_shared<Timer>(root, TaskPriority::normal, "t"));
   for (int i = 0; i < 100; ++i) timers[i]->scheduleTaskDelay(1.0 + i * 37.0);
   Timer& t = *timers[0];
-  const long before = allocations.load();
+  const long before = TolanTest::allocationsOnThisThread;
   for (int i = 0; i < 1000; ++i) {
     t.scheduleTaskDelay(0.5 + i * 3.7);
     t.scheduleTaskLowestDelay(0.1);
     t.scheduleTaskJitterDown(2.0, 50);
     t.stopTimerTask();
   }
-  EXPECT_EQ(allocations.load() - before, 0);
+  EXPECT_EQ(TolanTest::allocationsOnThisThread - before, 0);
 }
 
 }  // namespace

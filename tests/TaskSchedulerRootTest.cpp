@@ -1,12 +1,5 @@
 // The per-thread root: one per thread, thread checks and their exemptions.
 // The TaskSchedulerThreads tests are the ones to run under ThreadSanitizer.
-#include <gmock/gmock.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <functional>
-#include <thread>
-
 #include "Tolan/Thread.h"
 #include "support/Support.h"
 #include "support/SchedulerTesting.h"
@@ -16,7 +9,6 @@ namespace {
 using namespace Tolan;
 using TolanTest::Probe;
 using ::testing::HasSubstr;
-
 
 // The assertion message `f` fails with on another thread, "" if it passes.
 std::string onOtherThread(const std::function<void()>& f) {
@@ -36,15 +28,8 @@ std::string onOtherThread(const std::function<void()>& f) {
 TEST(TaskSchedulerThreads, ForkedChildIsExempt) {
   auto root = TaskSchedulerRootIs("parent");
   auto t = std::make_shared<Probe>(root, TaskPriority::normal, "t", nullptr);
-  const pid_t child = fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    // A thread of the child uses the parent's scheduler: the owner is not here.
-    _exit(onOtherThread([&] { t->unscheduleTask(); }).empty() ? 0 : 1);
-  }
-  int status = 0;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  // A thread of the child uses the parent's scheduler: the owner is not here.
+  EXPECT_EQ(TolanTest::exitStatusInChild([&] { return onOtherThread([&] { t->unscheduleTask(); }).empty() ? 0 : 1; }), 0);
 }
 
 TEST(TaskSchedulerThreads, EachThreadHasItsOwnRootReleasedAtThreadExit) {

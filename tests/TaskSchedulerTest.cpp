@@ -1,5 +1,3 @@
-#include <gmock/gmock.h>
-
 #include <new>
 #include <stdexcept>
 
@@ -13,7 +11,6 @@ using TolanTest::Probe;
 using Type = TaskSchedulerEventType;
 using P = TaskPriority;
 using ns = std::chrono::nanoseconds;
-
 
 class Scheduler : public TolanTest::SchedulerFixture {};
 

@@ -1,5 +1,5 @@
-// Timer tasks: arming rules, jitter, expiry under virtual time, destruction
-// while armed or queued.
+// Timer tasks: arming rules, jitter, a period kept under virtual time,
+// destruction while armed or queued.
 #include <cmath>
 #include <set>
 
@@ -103,33 +103,19 @@ TEST_F(TimerTaskTest, JitterStaysInRangeInHundredthSteps) {
   }
 }
 
-// Fired tasks run in expiry order, never early; a stopped one never runs, a
-// self-re-arming one keeps its period; destroying armed or queued tasks
-// leaves the wheel empty.
-TEST_F(TimerTaskTest, ExpiryAndDestruction) {
-  std::vector<std::shared_ptr<Timed>> tasks;
-  std::vector<double> due;
-  for (int i = 0; i < 40; ++i) {
-    tasks.push_back(timed(std::to_string(i)));
-    tasks.back()->scheduleTaskDelay(0.5 + (i * 7919 % 40) * 0.25);
-    due.push_back(tasks.back()->currentExpirationTime());
-  }
-  tasks[3]->stopTimerTask();
+// A self-re-arming task keeps its period; destroying armed or queued tasks,
+// one from inside a run, leaves the wheel empty. (Expiry order, never early,
+// and stopping are the control contract's: its task-backed timer is a
+// TimerTask.)
+TEST_F(TimerTaskTest, PeriodAndDestruction) {
   auto periodic = timed("p", [](Timed& self) {
     if (self.at.size() < 5) self.scheduleTaskDelay(3.0);
   });
   periodic->scheduleTaskDelay(3.0);
   Platform::doEventLoop(20.0);
-  double last = 0;
-  for (const auto& name : log) {
-    if (name == "p") continue;
-    const int i = std::stoi(name);
-    EXPECT_GE(tasks[i]->at.at(0), due[i]) << name << " ran early";
-    EXPECT_GE(due[i], last) << name << " out of order";
-    last = due[i];
-  }
-  EXPECT_EQ(log.size(), 39u + 5u);
-  for (size_t k = 1; k < periodic->at.size(); ++k) EXPECT_GE(periodic->at[k] - periodic->at[k - 1], 3.0) << k;
+  ASSERT_EQ(periodic->at.size(), 5u);
+  for (size_t k = 1; k < 5; ++k) EXPECT_GE(periodic->at[k] - periodic->at[k - 1], 3.0) << k;
+  std::vector<std::shared_ptr<Timed>> tasks{timed("0"), timed("1"), timed("2")};
   tasks[0]->scheduleTaskDelay(1.0);
   tasks[1]->scheduleTask();
   tasks[2]->scheduleTaskDelay(2.0);

@@ -2,7 +2,7 @@
 // the formatting of values in messages. What is read at load, and the file,
 // are seen from child processes (trace_probe).
 //
-// This program counts heap allocations: it replaces operator new.
+// This program counts heap allocations (support/CountingNew.h).
 #include <sys/time.h>
 
 #include <sys/stat.h>
@@ -13,21 +13,11 @@
 #include "Tolan/DebugOutput.h"
 #include "Tolan/Fmt.h"
 #include "Tolan/Thread.h"
+#include "support/CountingNew.h"
 #include "support/Support.h"
 
 using Tolan::Platform::setTraceFormat;
 using namespace TolanTest;
-
-thread_local int tlsAllocations = -1;  // counting when not negative
-
-void* operator new(std::size_t size) {
-  if (tlsAllocations >= 0) ++tlsAllocations;
-  if (void* p = std::malloc(size ? size : 1)) return p;
-  throw std::bad_alloc();
-}
-// Out of line, so that the compiler does not pair an inlined free() with new.
-__attribute__((noinline)) void operator delete(void* p) noexcept { std::free(p); }
-__attribute__((noinline)) void operator delete(void* p, std::size_t) noexcept { std::free(p); }
 
 constexpr const char* kDefaultFormat = "date,time,tid,handle,level";
 constexpr const char* kDefaultSwitches = "1 1 0 1 1 1 0 0\n";
@@ -36,17 +26,7 @@ const std::string kHelp =
     "Usage:\n  TRACEFORMAT=field,field,...\nList of possible fields:\n"
     "  date\n  time\n  pid\n  tid\n  handle\n  level\n  line-info\n  func-name\n";
 
-static std::string switches() {
-  testing::internal::CaptureStdout();
-  Tolan::Platform::printAllTraceFormat();
-  return testing::internal::GetCapturedStdout();
-}
-
-static std::string slurp(const std::string& path) {
-  std::stringstream s;
-  s << std::ifstream(path).rdbuf();
-  return s.str();
-}
+static std::string switches() { return stdoutOf(Tolan::Platform::printAllTraceFormat); }
 
 // Each test puts the default format back.
 class TraceOutput : public Test {
@@ -124,12 +104,13 @@ TEST_F(TraceOutput, MessagesWholeAndWithoutAllocationUpTo500Characters) {
     std::string text;
     for (size_t i = 0; text.size() < size; ++i) text += static_cast<char>('a' + i % 26);
     const char* message = text.c_str();
-    int allocations = 0, line = 0;
+    long allocations = 0;
+    int line = 0;
     const std::string out = traceOf([&] {
-      tlsAllocations = 0;
+      allocations = -allocationsOnThisThread;
       line = __LINE__ + 1;
       TOLAN_TRACE(h, 5, "{}", message);
-      allocations = std::exchange(tlsAllocations, -1);
+      allocations += allocationsOnThisThread;
     });
     if (std::exchange(warm, true)) {
       EXPECT_EQ(allocations > 0, size > 500) << size << " characters: " << allocations;
@@ -203,8 +184,8 @@ TEST(TraceStartup, TraceFileIsOpenedAtLoadAndReconsideredBySetup) {
                              "setup", "trace Tolan 1 six"},
                             {{"TRACEFILE", a}, {"TRACEFORMAT", ""}});
   ASSERT_TRUE(c.exitedWith(0)) << c.describe();
-  EXPECT_EQ(slurp(a), "one\ntwo\n");
-  EXPECT_EQ(slurp(b), "six\n");
+  EXPECT_EQ(fileText(a), "one\ntwo\n");
+  EXPECT_EQ(fileText(b), "six\n");
   EXPECT_THAT(c.err, StartsWith("four\nError opening TRACEFILE="));
   EXPECT_THAT(c.err, EndsWith("Defaulting to std::cerr for trace output.\nfive\n"));
 }
@@ -249,7 +230,7 @@ TEST(TraceStartup, TheTraceFileNeverHangsLeaksKillsOrLosesLines) {
                              "trace Tolan 1 four"},
                             {{"TRACEFILE", log}, {"TRACEFORMAT", ""}});
   EXPECT_TRUE(c.exitedWith(0)) << c.describe();
-  EXPECT_EQ(slurp(log), one + "\nfour\n");
+  EXPECT_EQ(fileText(log), one + "\nfour\n");
   EXPECT_THAT(c.err, EndsWith("File too large\nDefaulting to std::cerr for trace output.\nthree\n"));
 }
 

@@ -51,6 +51,24 @@ std::string traceOf(Tolan::Platform::DebugHandler& handler, const std::string& l
   return text;
 }
 
+std::string stdoutOf(const std::function<void()>& body) {
+  testing::internal::CaptureStdout();
+  body();
+  return testing::internal::GetCapturedStdout();
+}
+
+std::string fileText(const std::string& path) {
+  std::stringstream text;
+  text << std::ifstream(path).rdbuf();
+  return text.str();
+}
+
+size_t occurrences(const std::string& text, const std::string& needle) {
+  size_t n = 0;
+  for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++n;
+  return n;
+}
+
 void Counting::timeout() {
   at.push_back(Tolan::time());
   note(fired);
@@ -96,15 +114,21 @@ void ForkedChild::finish() {
   pid_ = -1;
 }
 
-int exitStatusInChild(const std::function<int()>& body, std::chrono::seconds limit) {
-  const pid_t pid = fork();
-  if (pid == 0) _exit(body());
+// The wait status of child `pid`, killed if still running after `limit`.
+static int waitStatus(pid_t pid, std::chrono::seconds limit) {
   const auto deadline = std::chrono::steady_clock::now() + limit;
   int status = 0;
   while (waitpid(pid, &status, WNOHANG) == 0) {
     if (std::chrono::steady_clock::now() > deadline) kill(pid, SIGKILL);
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
+  return status;
+}
+
+int exitStatusInChild(const std::function<int()>& body, std::chrono::seconds limit) {
+  const pid_t pid = fork();
+  if (pid == 0) _exit(body());
+  const int status = waitStatus(pid, limit);
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
@@ -151,12 +175,7 @@ ChildResult runChild(const std::string& program, const std::vector<std::string>&
     r.exitCode = 127;
     r.err = "cannot start " + program + ": " + std::strerror(rc);
   } else {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(1);
-    int status = 0;
-    while (waitpid(pid, &status, WNOHANG) == 0) {
-      if (std::chrono::steady_clock::now() > deadline) kill(pid, SIGKILL);
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
+    const int status = waitStatus(pid, std::chrono::seconds(60));
     r.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     r.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
     r.out = readAll(outFd);

@@ -60,6 +60,13 @@ std::string traceOf(const std::function<void()>& body);
 std::string traceOf(Tolan::Platform::DebugHandler& handler, const std::string& levels,
                     const std::function<void()>& body);
 
+// What `body` wrote on standard output.
+std::string stdoutOf(const std::function<void()>& body);
+// The whole content of a file ("" when it cannot be read).
+std::string fileText(const std::string& path);
+// How often `needle` occurs in `text`, overlaps included.
+size_t occurrences(const std::string& text, const std::string& needle);
+
 // The steady clock in seconds, and the real seconds that `f()` took.
 inline double realNow() {
   return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
