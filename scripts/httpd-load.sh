@@ -189,7 +189,7 @@ fi
 stop "tolan-httpd"
 
 echo "== out of descriptors =="
-start limited bash -c "ulimit -n 256 && exec $httpd --idle-timeout $idle"
+start limited bash -c 'ulimit -n 256 && exec "$0" "$@"' "$httpd" --idle-timeout "$idle"
 curl -sf "http://127.0.0.1:$port/tasks" >/dev/null
 base_fds=$(settled_fds)
 base_tasks=$(tasks)
