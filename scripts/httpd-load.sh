@@ -4,8 +4,9 @@
 #   bash scripts/httpd-load.sh                        # full run: 10 s of wrk per server
 #   TOLAN_LOAD_SECONDS=2 bash scripts/httpd-load.sh   # what CI runs
 # wrk -c100 -t2 against `/` of tolan-httpd in its default mode, with
-# --throughput 64, then of the peer: requests/s, p99 latency, server CPU per
-# request (utime+stime from /proc) and the ratios to the peer. Then the fault
+# --throughput 64, and of the peer, taking turns (TOLAN_LOAD_ROUNDS, default 5):
+# requests/s, p99 latency, server CPU per request (utime+stime from /proc)
+# and the ratios to the peer. Then the fault
 # steps (scripts/httpd_faults.py), the introspection checks and a descriptor-
 # and task-leak check, each a PASS or FAIL line. Exits non-zero on any FAIL.
 # Speed ratios are reported, not enforced (shared machines are noisy); set
@@ -98,56 +99,81 @@ settled_fds() {
   echo "$n"
 }
 
-# load NAME: wrk against $port; sets $rps and $cpu (microseconds per request).
-load() {
-  local name=$1 before after requests p99 errors
-  before=$(cpu_ticks "$pid")
-  wrk -c100 -t2 -d"${seconds}s" --latency "http://127.0.0.1:$port/" >"$tmp/$name.wrk"
-  after=$(cpu_ticks "$pid")
-  rps=$(awk '/^Requests\/sec:/ {print $2}' "$tmp/$name.wrk")
-  p99=$(awk '$1 == "99%" {print $2}' "$tmp/$name.wrk")
-  requests=$(awk '/requests in/ {print $1}' "$tmp/$name.wrk")
-  cpu=$(awk -v t=$((after - before)) -v hz="$hz" -v n="$requests" 'BEGIN {printf "%.2f", t * 1e6 / hz / n}')
-  printf '%-28s %10s req/s   p99 %8s   CPU %6s us/request\n' "$name" "$rps" "$p99" "$cpu"
-  errors=$(grep -E 'Non-2xx|Socket errors' "$tmp/$name.wrk" || true)
-  if grep -qE 'Non-2xx|read [1-9]|write [1-9]' <<<"$errors"; then fail "$name under wrk: $errors"; fi
-  [ -z "$errors" ] || echo "  ($errors)"
+# wrk's latency figure in milliseconds.
+ms() { awk -v v="$1" 'BEGIN {n = v + 0; if (v ~ /us$/) n /= 1000; else if (v ~ /[0-9]s$/) n *= 1000; printf "%.2f", n}'; }
+
+# round NAME: one wrk run against server NAME; adds to its totals.
+declare -A pids ports requests elapsed ticks p99s
+declare -A labels=([default]="tolan-httpd" [throughput]="tolan-httpd --throughput 64" [peer]="tolan-raw-httpd (libevent)")
+round() {
+  local name=$1 before after out=$tmp/$1.$2.wrk n p errors
+  before=$(cpu_ticks "${pids[$name]}")
+  wrk -c100 -t2 -d"${round_seconds}s" --latency "http://127.0.0.1:${ports[$name]}/" >"$out"
+  after=$(cpu_ticks "${pids[$name]}")
+  n=$(awk '/requests in/ {print $1}' "$out")
+  p=$(ms "$(awk '$1 == "99%" {print $2}' "$out")")
+  requests[$name]=$((${requests[$name]:-0} + n))
+  elapsed[$name]=$(awk -v a="${elapsed[$name]:-0}" '/requests in/ {printf "%.3f", a + $4}' "$out")
+  ticks[$name]=$((${ticks[$name]:-0} + after - before))
+  p99s[$name]="${p99s[$name]:-} $p"
+  errors=$(grep -E 'Non-2xx|Socket errors' "$out" || true)
+  if grep -qE 'Non-2xx|read [1-9]|write [1-9]' <<<"$errors"; then fail "${labels[$name]} under wrk: $errors"; fi
+  [ -z "$errors" ] || echo "  ${labels[$name]}, round $2: $errors"
+}
+
+# Figures of server NAME over all its rounds: $rps, $cpu (us per request), $p99 (median round, ms).
+figures() {
+  local name=$1
+  rps=$(awk -v n="${requests[$name]}" -v s="${elapsed[$name]}" 'BEGIN {printf "%.0f", n / s}')
+  cpu=$(awk -v t="${ticks[$name]}" -v hz="$hz" -v n="${requests[$name]}" 'BEGIN {printf "%.2f", t * 1e6 / hz / n}')
+  p99=$(tr ' ' '\n' <<<"${p99s[$name]}" | sed '/^$/d' | sort -g | awk '{v[NR] = $1} END {print v[int((NR + 1) / 2)]}')
+  printf '%-28s %8s req/s   p99 %7s ms   CPU %6s us/request\n' "${labels[$name]}" "$rps" "$p99" "$cpu"
 }
 
 ratio() { awk -v a="$1" -v b="$2" 'BEGIN {printf "%.2f", a / b}'; }
 
-echo "== load: wrk -c100 -t2 -d${seconds}s against / =="
-# The default-mode server also takes the faults; its short idle timeout is
-# what closes the slowloris clients.
+# The servers take turns in short rounds, so that load from elsewhere on a
+# shared machine falls on all of them alike rather than on whichever ran then.
+rounds=${TOLAN_LOAD_ROUNDS:-5}
+((rounds <= seconds)) || rounds=$seconds
+round_seconds=$((seconds / rounds))
+echo "== load: wrk -c100 -t2 against /, $rounds rounds of ${round_seconds}s per server =="
+# All servers get the short idle timeout; on the default-mode one it is what
+# closes the slowloris clients of the fault steps, which run on it too.
 idle=2
 start default "$httpd" --idle-timeout "$idle"
-main_pid=$pid main_port=$port
+pids[default]=$pid ports[default]=$port
 curl -sf "http://127.0.0.1:$port/" >/dev/null
 curl -sf "http://127.0.0.1:$port/tasks" >/dev/null
 base_fds=$(settled_fds)
 base_tasks=$(tasks)
 base_fds=$(settled_fds "$base_fds")
+start throughput "$httpd" --idle-timeout "$idle" --throughput 64
+pids[throughput]=$pid ports[throughput]=$port
+start peer "$peer" --idle-timeout "$idle"
+pids[peer]=$pid ports[peer]=$port
 
-# /tasks and /stats are fetched half-way through the default-mode run.
-(
-  sleep "$(awk -v s="$seconds" 'BEGIN {print s / 2}')"
-  curl -sf -o "$tmp/tasks.json" "http://127.0.0.1:$port/tasks" || true
-  curl -sf -o "$tmp/stats.txt" "http://127.0.0.1:$port/stats" || true
-) &
-fetcher=$!
-load "tolan-httpd" && default_rps=$rps default_cpu=$cpu
-wait "$fetcher"
+for r in $(seq "$rounds"); do
+  if [ "$r" = 1 ]; then
+    # /tasks and /stats are fetched half-way through the default mode's first round.
+    (
+      sleep "$(awk -v s="$round_seconds" 'BEGIN {print s / 2}')"
+      curl -sf -o "$tmp/tasks.json" "http://127.0.0.1:${ports[default]}/tasks" || true
+      curl -sf -o "$tmp/stats.txt" "http://127.0.0.1:${ports[default]}/stats" || true
+    ) &
+    fetcher=$!
+    round default "$r"
+    wait "$fetcher"
+  else
+    round default "$r"
+  fi
+  round throughput "$r"
+  round peer "$r"
+done
 
-start throughput "$httpd" --throughput 64
-load "tolan-httpd --throughput 64"
-fast_rps=$rps fast_cpu=$cpu
-stop "tolan-httpd --throughput 64"
-
-start peer "$peer"
-load "tolan-raw-httpd (libevent)"
-peer_rps=$rps peer_cpu=$cpu
-stop "tolan-raw-httpd"
-
+figures default && default_rps=$rps default_cpu=$cpu
+figures throughput && fast_rps=$rps fast_cpu=$cpu
+figures peer && peer_rps=$rps peer_cpu=$cpu
 echo "ratios to the peer:          requests/s   CPU/request"
 echo "  default mode               $(ratio "$default_rps" "$peer_rps")x        $(ratio "$default_cpu" "$peer_cpu")x"
 echo "  --throughput 64            $(ratio "$fast_rps" "$peer_rps")x        $(ratio "$fast_cpu" "$peer_cpu")x   (target >= 0.90x, <= 1.20x)"
@@ -158,9 +184,13 @@ elif [ "${TOLAN_LOAD_STRICT:-0}" = 1 ]; then
 else
   echo "  throughput mode misses its targets in this run (not enforced; TOLAN_LOAD_STRICT=1 does)"
 fi
+pid=${pids[throughput]}
+stop "tolan-httpd --throughput 64"
+pid=${pids[peer]}
+stop "tolan-raw-httpd"
 
 echo "== introspection during the load =="
-pid=$main_pid port=$main_port
+pid=${pids[default]} port=${ports[default]}
 if jq -e '.schedulers | length > 0' "$tmp/tasks.json" >/dev/null 2>&1 &&
    python3 tests/support/check_json.py "$schema" "$tmp/tasks.json"; then
   pass "/tasks fetched under load parses with jq and validates against the schema ($(wc -c <"$tmp/tasks.json") bytes)"
