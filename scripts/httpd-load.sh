@@ -6,9 +6,9 @@
 # wrk -c100 -t2 against `/` of tolan-httpd in its default mode, with
 # --throughput 64, and of the peer, taking turns (TOLAN_LOAD_ROUNDS, default 5):
 # requests/s, p99 latency, server CPU per request (utime+stime from /proc)
-# and the ratios to the peer. Then the fault
-# steps (scripts/httpd_faults.py), the introspection checks and a descriptor-
-# and task-leak check, each a PASS or FAIL line. Exits non-zero on any FAIL.
+# and the ratios to the peer. Then the introspection checks, the fault steps
+# (scripts/httpd_faults.py) and a descriptor- and task-leak check, each a PASS
+# or FAIL line. Exits non-zero on any FAIL.
 # Speed ratios are reported, not enforced (shared machines are noisy); set
 # TOLAN_LOAD_STRICT=1 to fail when the throughput mode misses its targets.
 # Builds Release in build-load/ unless TOLAN_BUILD_DIR names a configured tree.
@@ -33,7 +33,7 @@ servers=()
 
 cleanup() {
   local p
-  for p in "${servers[@]}"; do [ -z "$p" ] || kill "$p" 2>/dev/null || true; done
+  for p in "${servers[@]}"; do kill "$p" 2>/dev/null || true; done
   rm -rf "$tmp"
 }
 trap cleanup EXIT
@@ -69,7 +69,9 @@ stop() {
   kill -TERM "$pid"
   timeout 30 tail --pid="$pid" -f /dev/null || true
   wait "$pid" || status=$?
-  servers=("${servers[@]/$pid/}")
+  local p left=()
+  for p in "${servers[@]}"; do [ "$p" = "$pid" ] || left+=("$p"); done
+  servers=("${left[@]}")
   if [ "$status" = 0 ]; then pass "$1 exited 0 on SIGTERM"; else fail "$1 exited $status on SIGTERM"; fi
 }
 
@@ -78,7 +80,8 @@ fds() { ls "/proc/$1/fd" | wc -l; }
 # Tasks registered in every scheduler of the document (completed ones are history).
 tasks() {
   curl -sf "http://127.0.0.1:$port/tasks" |
-    jq '[.. | objects | select(.tasks | type == "object") | (.tasks.tasks | length) + (.tasks.skipped // 0)] | add'
+    jq '[.. | objects | select(.tasks | type == "object") | (.tasks.tasks | length) + (.tasks.skipped // 0)] | add' ||
+    echo "unreadable"
 }
 # Descriptors once connections still closing have gone (lingering ones take up
 # to 2 s): down to WANT, or unchanged for half a second when WANT is not given.
@@ -99,6 +102,26 @@ settled_fds() {
   echo "$n"
 }
 
+# The server's descriptors and tasks with no client connected.
+baseline() {
+  base_fds=$(settled_fds)
+  base_tasks=$(tasks)
+  base_fds=$(settled_fds "$base_fds")
+}
+# leak_check WHAT: the same again once the clients are gone (slowloris and idle
+# ones after one idle timeout, lingering ones after the linger).
+leak_check() {
+  local fds_now tasks_now
+  fds_now=$(settled_fds "$base_fds")
+  tasks_now=$(tasks)
+  fds_now=$(settled_fds "$base_fds")
+  if [ "$fds_now" = "$base_fds" ] && [ "$tasks_now" = "$base_tasks" ]; then
+    pass "no leak after $1: $fds_now descriptors, $tasks_now tasks, as before"
+  else
+    fail "leak after $1: descriptors $base_fds -> $fds_now, tasks $base_tasks -> $tasks_now"
+  fi
+}
+
 # wrk's latency figure in milliseconds.
 ms() { awk -v v="$1" 'BEGIN {n = v + 0; if (v ~ /us$/) n /= 1000; else if (v ~ /[0-9]s$/) n *= 1000; printf "%.2f", n}'; }
 
@@ -107,6 +130,10 @@ declare -A pids ports requests elapsed ticks p99s
 declare -A labels=([default]="tolan-httpd" [throughput]="tolan-httpd --throughput 64" [peer]="tolan-raw-httpd (libevent)")
 round() {
   local name=$1 before after out=$tmp/$1.$2.wrk n p errors
+  if ! kill -0 "${pids[$name]}" 2>/dev/null; then
+    fail "${labels[$name]} died"
+    exit 1
+  fi
   before=$(cpu_ticks "${pids[$name]}")
   wrk -c100 -t2 -d"${round_seconds}s" --latency "http://127.0.0.1:${ports[$name]}/" >"$out"
   after=$(cpu_ticks "${pids[$name]}")
@@ -145,9 +172,7 @@ start default "$httpd" --idle-timeout "$idle"
 pids[default]=$pid ports[default]=$port
 curl -sf "http://127.0.0.1:$port/" >/dev/null
 curl -sf "http://127.0.0.1:$port/tasks" >/dev/null
-base_fds=$(settled_fds)
-base_tasks=$(tasks)
-base_fds=$(settled_fds "$base_fds")
+baseline
 start throughput "$httpd" --idle-timeout "$idle" --throughput 64
 pids[throughput]=$pid ports[throughput]=$port
 start peer "$peer" --idle-timeout "$idle"
@@ -206,32 +231,15 @@ fi
 
 echo "== faults =="
 python3 scripts/httpd_faults.py "$port" faults --pid "$pid" --idle-timeout "$idle" || failures=$((failures + $?))
-
-# Slowloris and idle clients are gone after one idle timeout plus the linger.
-after_fds=$(settled_fds "$base_fds")
-after_tasks=$(tasks)
-after_fds=$(settled_fds "$base_fds")
-if [ "$after_fds" = "$base_fds" ] && [ "$after_tasks" = "$base_tasks" ]; then
-  pass "no leak after load and faults: $after_fds descriptors, $after_tasks tasks, as before"
-else
-  fail "leak: descriptors $base_fds -> $after_fds, tasks $base_tasks -> $after_tasks"
-fi
+leak_check "load and faults"
 stop "tolan-httpd"
 
 echo "== out of descriptors =="
 start limited bash -c 'ulimit -n 256 && exec "$0" "$@"' "$httpd" --idle-timeout "$idle"
 curl -sf "http://127.0.0.1:$port/tasks" >/dev/null
-base_fds=$(settled_fds)
-base_tasks=$(tasks)
+baseline
 python3 scripts/httpd_faults.py "$port" burst 500 --pid "$pid" || failures=$((failures + $?))
-after_fds=$(settled_fds "$base_fds")
-after_tasks=$(tasks)
-after_fds=$(settled_fds "$base_fds")
-if [ "$after_fds" = "$base_fds" ] && [ "$after_tasks" = "$base_tasks" ]; then
-  pass "no leak after running out of descriptors: $after_fds descriptors, $after_tasks tasks, as before"
-else
-  fail "leak: descriptors $base_fds -> $after_fds, tasks $base_tasks -> $after_tasks"
-fi
+leak_check "running out of descriptors"
 stop "tolan-httpd under ulimit -n 256"
 
 if ((failures)); then
