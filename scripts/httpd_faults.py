@@ -85,7 +85,9 @@ def converse(clients, deadline, limit=None):
         if c.error:
             continue
         try:
-            c.sock.send(c.request)  # small: fits any fresh send buffer
+            c.sock.settimeout(5)
+            c.sock.sendall(c.request)
+            c.sock.setblocking(False)
         except OSError as e:
             c.error = str(e)
             continue
