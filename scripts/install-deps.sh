@@ -11,7 +11,7 @@ packages=(
   googletest libgtest-dev libgmock-dev libbenchmark-dev libspdlog-dev libxxhash-dev
   clang libclang-rt-14-dev
   jq python3-jsonschema
-  libhttp-parser-dev curl
+  libhttp-parser-dev curl wrk
 )
 
 missing=()
