@@ -8,9 +8,11 @@
 // until the client closes too, for at most kLingerSeconds, and only then
 // closes the descriptor.
 //
-// The idle timer is re-armed by a complete request and by output progress,
-// never by mere input bytes: a client that trickles its headers in keeps the
-// connection only for one idle timeout.
+// The idle timeout counts from the last complete request or output progress,
+// never from mere input bytes: a client that trickles its headers in keeps the
+// connection only for one idle timeout. Activity only stamps the time; the
+// timer, armed once, re-arms itself for the rest when it finds activity, so a
+// busy connection costs one clock read per request instead of a timer re-arm.
 #include "tools/httpd/HttpServer.h"
 
 #include <arpa/inet.h>
@@ -152,6 +154,7 @@ class Connection : public Tolan::FileDescriptorTask {
       return flush();
     }
     taskWatchReadableIs(true);
+    lastActivity_ = Tolan::time();
     idle_->scheduleTaskDelay(server_.options_.idleTimeout);
   }
 
@@ -192,8 +195,12 @@ class Connection : public Tolan::FileDescriptorTask {
 
   void taskExecuteWritable() override { flush(); }
 
+  // The idle timer fired: close, unless there was activity since it was
+  // armed (then it waits for the rest of the timeout).
   void idleExpired() {
     if (!lingering_) {
+      const double rest = lastActivity_ + server_.options_.idleTimeout - Tolan::time();
+      if (rest > 0) return idle_->scheduleTaskDelay(rest);
       ++server_.counters_.closedIdle;
       TOLAN_TRACE(traceClose(), 5, "fd {}: idle for {} s, closing", fd_, server_.options_.idleTimeout);
     }
@@ -277,7 +284,7 @@ class Connection : public Tolan::FileDescriptorTask {
   void dispatch() {
     ++requests_;
     ++server_.counters_.requests;
-    idle_->scheduleTaskDelay(server_.options_.idleTimeout);
+    lastActivity_ = Tolan::time();
     std::string_view path(url_);
     path = path.substr(0, path.find('?'));
     TOLAN_TRACE(traceRequest(), 5, "fd {}: {} {}", fd_, http_method_str(http_method(parser_.method)), url_);
@@ -341,7 +348,7 @@ class Connection : public Tolan::FileDescriptorTask {
         return close();
       }
     }
-    if (progress && !closeAfterOutput_) idle_->scheduleTaskDelay(server_.options_.idleTimeout);
+    if (progress && !closeAfterOutput_) lastActivity_ = Tolan::time();
     if (pendingOutput() == 0) {
       out_.clear();
       outOffset_ = 0;
@@ -413,6 +420,7 @@ class Connection : public Tolan::FileDescriptorTask {
   bool jsonPending_ = false;
   bool jsonActive_ = false;
   uint64_t requests_ = 0;
+  double lastActivity_ = 0;  // Tolan::time() of the last request or output progress
   std::string out_;
   size_t outOffset_ = 0;
   std::shared_ptr<IdleTimer> idle_;
