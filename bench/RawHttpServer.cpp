@@ -11,7 +11,6 @@
 // 431, connections over the limit 503, each closing the connection after a
 // lingering close. No libTolan code is linked in.
 #include <arpa/inet.h>
-#include <getopt.h>
 #include <http_parser.h>
 #include <netinet/in.h>
 #include <signal.h>
@@ -22,33 +21,22 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 
+#include "tools/httpd/Options.h"
+
 namespace {
 
-// The same limits and pacing as tolan-httpd.
-constexpr size_t kMaxHeaderBytes = 8 * 1024;
-constexpr size_t kMaxPendingOutput = 256 * 1024;
-constexpr double kLingerSeconds = 2.0;
-constexpr int kAcceptsPerRun = 64;
-constexpr int kReadsPerRun = 4;
-constexpr size_t kRejectSlots = 64;
+// The same command line, limits and pacing as tolan-httpd.
+using namespace TolanHttpd;
 
 // Byte for byte what tolan-httpd answers to GET / on a kept-alive connection.
-const std::string kGreeting =
-    "HTTP/1.1 200 OK\r\nServer: tolan-httpd\r\nContent-Type: text/plain; charset=utf-8\r\n"
-    "Content-Length: 23\r\n\r\nHello from tolan-httpd\n";
-
-struct Options {
-  std::string bind = "127.0.0.1";
-  int port = 0;
-  double idleTimeout = 30.0;
-  size_t maxConnections = 10000;
-};
+const std::string kGreetingResponse =
+    "HTTP/1.1 200 OK\r\nServer: tolan-httpd\r\nContent-Type: text/plain; charset=utf-8\r\nContent-Length: " +
+    std::to_string(kGreeting.size()) + "\r\n\r\n" + std::string(kGreeting);
 
 struct Server;
 
@@ -84,7 +72,7 @@ struct Server {
   int listenFd = -1;
   event* acceptEv = nullptr;
   event* backoffEv = nullptr;
-  double backoff = 0.01;
+  double backoff = kFirstBackoffSeconds;
   size_t connections = 0;
   unsigned long long requests = 0;
 };
@@ -132,7 +120,7 @@ int onHeadersComplete(http_parser* p) {
   } else if (path != "/") {
     respond(c, 404, "Not Found");
   } else if (http_should_keep_alive(p) && p->http_minor == 1) {
-    c->out += kGreeting;
+    c->out += kGreetingResponse;
   } else {
     const bool keep = http_should_keep_alive(p);
     c->out += std::string("HTTP/1.1 200 OK\r\nServer: tolan-httpd\r\nContent-Type: text/plain; charset=utf-8\r\n"
@@ -272,7 +260,7 @@ void onAcceptable(evutil_socket_t, short, void* arg) {
   for (int i = 0; i < kAcceptsPerRun; ++i) {
     const int fd = ::accept4(s->listenFd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
     if (fd >= 0) {
-      s->backoff = 0.01;
+      s->backoff = kFirstBackoffSeconds;
       accepted(s, fd);
       continue;
     }
@@ -282,7 +270,7 @@ void onAcceptable(evutil_socket_t, short, void* arg) {
       event_del(s->acceptEv);
       const timeval tv = toTimeval(s->backoff);
       event_add(s->backoffEv, &tv);
-      s->backoff = std::min(s->backoff * 2, 1.0);
+      s->backoff = std::min(s->backoff * 2, kMaxBackoffSeconds);
     }
     return;
   }
@@ -292,76 +280,20 @@ void onBackoffOver(evutil_socket_t, short, void* arg) { event_add(static_cast<Se
 
 void onSignal(evutil_socket_t, short, void* arg) { event_base_loopexit(static_cast<event_base*>(arg), nullptr); }
 
-bool parseNumber(const char* text, double low, double high, double& value) {
-  char* end = nullptr;
-  errno = 0;
-  value = std::strtod(text, &end);
-  return errno == 0 && end != text && *end == '\0' && value >= low && value <= high;
-}
-
-void usage(std::FILE* out) {
-  std::fprintf(out,
-               "usage: tolan-raw-httpd [--port N] [--bind ADDR] [--idle-timeout SECONDS]\n"
-               "                       [--max-connections N] [--throughput N] [--help]\n"
-               "tolan-httpd's `/` on a bare libevent loop; --throughput is accepted and ignored.\n");
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
   Server server;
   Options& o = server.options;
-  static const option longOptions[] = {{"port", required_argument, nullptr, 'p'},
-                                       {"bind", required_argument, nullptr, 'b'},
-                                       {"idle-timeout", required_argument, nullptr, 'i'},
-                                       {"max-connections", required_argument, nullptr, 'm'},
-                                       {"throughput", required_argument, nullptr, 't'},
-                                       {"help", no_argument, nullptr, 'h'},
-                                       {nullptr, 0, nullptr, 0}};
-  for (int ch; (ch = getopt_long(argc, argv, "", longOptions, nullptr)) != -1;) {
-    double v = 0;
-    bool ok = true;
-    switch (ch) {
-      case 'p':
-        ok = parseNumber(optarg, 0, 65535, v) && v == std::floor(v);
-        o.port = int(v);
-        break;
-      case 'b':
-        o.bind = optarg;
-        break;
-      case 'i':
-        ok = parseNumber(optarg, 0.001, 1e6, v);
-        o.idleTimeout = v;
-        break;
-      case 'm':
-        ok = parseNumber(optarg, 1, 1e7, v) && v == std::floor(v);
-        o.maxConnections = size_t(v);
-        break;
-      case 't':
-        ok = parseNumber(optarg, 0, 1e6, v);
-        break;
-      case 'h':
-        usage(stdout);
-        return 0;
-      default:
-        usage(stderr);
-        return 2;
-    }
-    if (!ok) {
-      std::fprintf(stderr, "tolan-raw-httpd: bad value '%s'\n", optarg);
-      return 2;
-    }
-  }
-  if (optind < argc) {
-    usage(stderr);
-    return 2;
-  }
+  const int status =
+      parseCommandLine(argc, argv, "tolan-raw-httpd", "tolan-httpd's / on a bare libevent loop; --throughput is ignored.\n", o);
+  if (status >= 0) return status;
 
   sockaddr_in addr{};
   addr.sin_family = AF_INET;
-  addr.sin_port = htons(uint16_t(o.port));
-  if (::inet_pton(AF_INET, o.bind.c_str(), &addr.sin_addr) != 1) {
-    std::fprintf(stderr, "tolan-raw-httpd: bad bind address %s\n", o.bind.c_str());
+  addr.sin_port = htons(o.port);
+  if (::inet_pton(AF_INET, o.bindAddress.c_str(), &addr.sin_addr) != 1) {
+    std::fprintf(stderr, "tolan-raw-httpd: bad bind address %s\n", o.bindAddress.c_str());
     return 1;
   }
   server.listenFd = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
@@ -371,7 +303,7 @@ int main(int argc, char** argv) {
   if (server.listenFd < 0 || ::bind(server.listenFd, reinterpret_cast<sockaddr*>(&addr), len) != 0 ||
       ::listen(server.listenFd, SOMAXCONN) != 0 ||
       ::getsockname(server.listenFd, reinterpret_cast<sockaddr*>(&addr), &len) != 0) {
-    std::fprintf(stderr, "tolan-raw-httpd: listen on %s:%d: %s\n", o.bind.c_str(), o.port, std::strerror(errno));
+    std::fprintf(stderr, "tolan-raw-httpd: listen on %s:%u: %s\n", o.bindAddress.c_str(), unsigned(o.port), std::strerror(errno));
     return 1;
   }
 
@@ -384,7 +316,7 @@ int main(int argc, char** argv) {
   event_add(sigint, nullptr);
   event_add(sigterm, nullptr);
 
-  std::printf("tolan-raw-httpd listening on %s:%u\n", o.bind.c_str(), unsigned(ntohs(addr.sin_port)));
+  std::printf("tolan-raw-httpd listening on %s:%u\n", o.bindAddress.c_str(), unsigned(ntohs(addr.sin_port)));
   std::fflush(stdout);
   event_base_dispatch(server.base);
   // Connections still open are left to the exit: a peer for measurements

@@ -26,6 +26,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <functional>
 #include <optional>
 #include <string_view>
 #include <system_error>
@@ -48,19 +49,6 @@ namespace {
 
 using Tolan::TaskPriority;
 
-constexpr double kLingerSeconds = 2.0;
-constexpr double kFirstBackoffSeconds = 0.01;
-constexpr double kMaxBackoffSeconds = 1.0;
-// Accepts per listener run, so that a flood of connections cannot keep the
-// listener running while accepted connections wait for their first turn.
-constexpr int kAcceptsPerRun = 64;
-// Reads per connection run: a client with a deep pipeline yields to the
-// others of its group after this many.
-constexpr int kReadsPerRun = 4;
-// Connections over the limit that still get their 503; beyond these the
-// server closes new connections at once.
-constexpr size_t kRejectSlots = 64;
-
 const auto& traceAccept() {
   static const auto h = Tolan::Platform::getDebugHandler("TolanHttpd.Accept");
   return h;
@@ -73,8 +61,6 @@ const auto& traceClose() {
   static const auto h = Tolan::Platform::getDebugHandler("TolanHttpd.Close");
   return h;
 }
-
-constexpr std::string_view kGreeting = "Hello from tolan-httpd\n";
 
 struct Status {
   int code;
@@ -125,14 +111,16 @@ const std::string& greetingResponse() {
 
 // ---- a connection ----
 
-class IdleTimer : public Tolan::TimerTask {
+// A timer task that runs `action`: the idle timer of a connection and the
+// listener's accept back-off, each owned by the object its action calls.
+class ActionTimer : public Tolan::TimerTask {
  public:
-  IdleTimer(std::shared_ptr<Tolan::TaskScheduler> group, Connection* connection)
-      : TimerTask(std::move(group), TaskPriority::normal, "HttpIdleTimer"), connection_(connection) {}
-  void taskExecute() override;
+  ActionTimer(std::shared_ptr<Tolan::TaskScheduler> scheduler, std::string name, std::function<void()> action)
+      : TimerTask(std::move(scheduler), TaskPriority::normal, std::move(name)), action_(std::move(action)) {}
+  void taskExecute() override { action_(); }
 
  private:
-  Connection* connection_;  // the connection owns this timer
+  std::function<void()> action_;
 };
 
 class Connection : public Tolan::FileDescriptorTask {
@@ -141,7 +129,7 @@ class Connection : public Tolan::FileDescriptorTask {
       : FileDescriptorTask(server.group_, TaskPriority::normal, "HttpConnection"),
         server_(server),
         fd_(fd),
-        idle_(std::make_shared<IdleTimer>(server.group_, this)) {
+        idle_(std::make_shared<ActionTimer>(server.group_, "HttpIdleTimer", [this] { idleExpired(); })) {
     http_parser_init(&parser_, HTTP_REQUEST);
     parser_.data = this;
     taskWatchFdIs(fd);
@@ -423,22 +411,10 @@ class Connection : public Tolan::FileDescriptorTask {
   double lastActivity_ = 0;  // Tolan::time() of the last request or output progress
   std::string out_;
   size_t outOffset_ = 0;
-  std::shared_ptr<IdleTimer> idle_;
+  std::shared_ptr<ActionTimer> idle_;
 };
-
-void IdleTimer::taskExecute() { connection_->idleExpired(); }
 
 // ---- the listener ----
-
-class AcceptBackoff : public Tolan::TimerTask {
- public:
-  AcceptBackoff(std::shared_ptr<Tolan::TaskScheduler> root, Listener* listener)
-      : TimerTask(std::move(root), TaskPriority::normal, "HttpAcceptBackoff"), listener_(listener) {}
-  void taskExecute() override;
-
- private:
-  Listener* listener_;
-};
 
 class Listener : public Tolan::FileDescriptorTask {
  public:
@@ -446,7 +422,8 @@ class Listener : public Tolan::FileDescriptorTask {
       : FileDescriptorTask(server.root_, TaskPriority::normal, "HttpListener"),
         server_(server),
         fd_(fd),
-        backoff_(std::make_shared<AcceptBackoff>(server.root_, this)) {
+        backoff_(std::make_shared<ActionTimer>(server.root_, "HttpAcceptBackoff",
+                                               [this] { taskWatchReadableIs(true); })) {
     taskWatchFdIs(fd);
     taskWatchReadableIs(true);
   }
@@ -480,16 +457,13 @@ class Listener : public Tolan::FileDescriptorTask {
     }
   }
   void taskExecuteWritable() override {}
-  void resume() { taskWatchReadableIs(true); }
 
  private:
   HttpServer& server_;
   int fd_;
   double delay_ = kFirstBackoffSeconds;
-  std::shared_ptr<AcceptBackoff> backoff_;
+  std::shared_ptr<ActionTimer> backoff_;
 };
-
-void AcceptBackoff::taskExecute() { listener_->resume(); }
 
 // ---- the signal watch ----
 

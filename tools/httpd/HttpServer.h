@@ -29,11 +29,11 @@
 
 #include <signal.h>
 
-#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <string>
+
+#include "tools/httpd/Options.h"
 
 namespace Tolan {
 class TaskGroup;
@@ -41,19 +41,6 @@ class TaskSchedulerRoot;
 }  // namespace Tolan
 
 namespace TolanHttpd {
-
-// Limits a careful server holds to; the header limit is the one RFC 6585's
-// 431 answers (request line and header fields, names and values).
-constexpr size_t kMaxHeaderBytes = 8 * 1024;
-constexpr size_t kMaxPendingOutput = 256 * 1024;
-
-struct Options {
-  std::string bindAddress = "127.0.0.1";
-  uint16_t port = 0;           // 0: the kernel picks one (see HttpServer::port())
-  double idleTimeout = 30.0;   // seconds without a complete request or output progress
-  size_t maxConnections = 10000;
-  unsigned throughput = 0;     // >0: the root's throughput mode, this many tasks per callback
-};
 
 // What the server has done, for tests and the closing log line.
 struct Counters {
