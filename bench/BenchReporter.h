@@ -1,11 +1,15 @@
 // The reporter every benchmark here runs with: Google Benchmark's console
 // table as usual, and each run kept by name for the summary of ratios and
-// goals that the benchmark prints at the end.
+// goals that the benchmark prints at the end; and the helpers the benchmarks
+// share (heap in use, random delays).
 #pragma once
 
 #include <benchmark/benchmark.h>
+#include <malloc.h>
 
+#include <cstdint>
 #include <map>
+#include <random>
 #include <regex>
 #include <string>
 #include <vector>
@@ -56,6 +60,18 @@ inline bool runBenchmarks(int& argc, char** argv, KeepingReporter& reporter) {
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return false;
   benchmark::RunSpecifiedBenchmarks(&reporter);
   return true;
+}
+
+// Bytes of heap in use (small and mmap()ed blocks), for memory-per-item figures.
+inline size_t heapInUse() { return mallinfo2().uordblks + mallinfo2().hblkhd; }
+
+// `n` delays drawn evenly from [0, max), the same for the same seed.
+inline std::vector<double> randomDelays(size_t n, double max, uint64_t seed) {
+  std::mt19937_64 rng(seed);
+  std::uniform_real_distribution<double> d(0.0, max);
+  std::vector<double> v(n);
+  for (auto& x : v) x = d(rng);
+  return v;
 }
 
 }  // namespace TolanBench

@@ -12,12 +12,10 @@
 // The summary prints the ratios and bytes per armed timer task.
 #include <benchmark/benchmark.h>
 #include <event2/event.h>
-#include <malloc.h>
 
 #include <cstdio>
 #include <map>
 #include <memory>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -33,15 +31,8 @@ constexpr double kHour = 3600.0;
 // armed tasks -> heap bytes per armed timer task (object, shared count, malloc's header)
 std::map<int64_t, double> bytesPerTask;
 
-size_t heapInUse() { return mallinfo2().uordblks + mallinfo2().hblkhd; }
-
-std::vector<double> randomDelays(size_t n, double max, uint64_t seed) {
-  std::mt19937_64 rng(seed);
-  std::uniform_real_distribution<double> d(0.0, max);
-  std::vector<double> v(n);
-  for (auto& x : v) x = d(rng);
-  return v;
-}
+using TolanBench::heapInUse;
+using TolanBench::randomDelays;
 
 // Notes when it ran, and whether that was before its due time.
 struct Expiring : TimerTask {

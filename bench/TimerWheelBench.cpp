@@ -14,13 +14,11 @@
 // TimerWheel's StartExpire runs the real event loop under fast-forward.
 #include <benchmark/benchmark.h>
 #include <event2/event.h>
-#include <malloc.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <map>
 #include <memory>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -37,15 +35,8 @@ constexpr timeout_t kHourTicks = 360000;
 
 std::map<std::string, double> bytesPerTimer;  // "wheel/1000" -> bytes
 
-size_t heapInUse() { return mallinfo2().uordblks + mallinfo2().hblkhd; }
-
-std::vector<double> randomDelays(size_t n, double max, uint64_t seed) {
-  std::mt19937_64 rng(seed);
-  std::uniform_real_distribution<double> d(0.0, max);
-  std::vector<double> v(n);
-  for (auto& x : v) x = d(rng);
-  return v;
-}
+using TolanBench::heapInUse;
+using TolanBench::randomDelays;
 
 // ---- (b) the timing wheel alone ----
 
