@@ -134,7 +134,11 @@ String Backtrace::pretty() const {
   for (uint32_t i = 0; i < frameCount_; ++i) {
     const void* address = frames()[i];
     Dl_info info;
-    if (dladdr(address, &info)) {
+    // Every frame holds a return address, just past its call. A call to a
+    // noreturn function may be the caller's last instruction, so the address
+    // itself can lie in the next symbol (or a .cold part); the byte before it
+    // is in the call. The offset stays that of the return address.
+    if (dladdr(static_cast<const char*>(address) - 1, &info)) {
       if (info.dli_fname) os << info.dli_fname;
       // Without a symbol the offset is into the object, which is what
       // addr2line wants for a position-independent object.

@@ -46,7 +46,9 @@ class TOLAN_EXPORT Backtrace {
   // line per frame, "object(symbol+0xoffset)[address]" as far as the dynamic
   // loader knows them (symbols are mangled; functions of an executable are
   // only known when it exports them, e.g. linked with -rdynamic), or
-  // "No backtrace available" when there are no frames. Looks up symbols:
+  // "No backtrace available" when there are no frames. The symbol is the one
+  // that made the call, even when the return address lies past its end (a
+  // call to a noreturn function); the offset is the return address's. Looks up symbols:
   // meant for error reports, not hot paths.
   String pretty() const;
 

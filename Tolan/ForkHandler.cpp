@@ -19,16 +19,19 @@ std::atomic<bool> gHandlerRegistered{false};
 // Taken in the order code takes them, so that prepare cannot wait for one
 // lock while a thread holding it waits for the other.
 void prepareLocks() noexcept {
+  Impl::pluginForkPrepare();
   Impl::locoForkPrepare();
   Impl::trackerForkPrepare();
 }
 void releaseLocksInParent() noexcept {
   Impl::trackerForkParent();
   Impl::locoForkParent();
+  Impl::pluginForkParent();
 }
 void releaseLocksInChild() noexcept {
   Impl::trackerForkChild();
   Impl::locoForkChild();
+  Impl::pluginForkChild();
 }
 
 }  // namespace

@@ -104,5 +104,11 @@ void RecursiveLock::unlock() {
   release(count == 1);
 }
 
+void RecursiveLock::releaseInForkChild() noexcept {
+  const unsigned levels = lockCount() - 1;
+  reinitialise();
+  for (unsigned i = 0; i < levels; ++i) lock();
+}
+
 }  // namespace Locking
 }  // namespace Tolan

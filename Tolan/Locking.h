@@ -73,6 +73,10 @@ class TOLAN_EXPORT RecursiveLock : public Impl::OwnedMutex {
   void unlock();
   // How often the holder has locked it (0 when free).
   unsigned lockCount() const noexcept;
+  // For a fork() child handler only, after the prepare handler took one
+  // level: drops that level and keeps those the forking thread held before
+  // (it may fork while holding the lock).
+  void releaseInForkChild() noexcept;
 };
 
 // Locks on construction; unlocks on destruction unless told not to with

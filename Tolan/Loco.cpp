@@ -36,14 +36,7 @@ namespace Impl {
 void locoForkPrepare() noexcept { Platform::theLoco().lock(); }
 void locoForkParent() noexcept { Platform::theLoco().unlock(); }
 
-// The forking thread may have held the lock already (fork under a LocoGuard):
-// it keeps those levels in the child, and only the handler's own is dropped.
-void locoForkChild() noexcept {
-  Locking::RecursiveLock& lock = Platform::theLoco().lock_;
-  const unsigned levels = lock.lockCount() - 1;
-  lock.reinitialise();
-  for (unsigned i = 0; i < levels; ++i) lock.lock();
-}
+void locoForkChild() noexcept { Platform::theLoco().lock_.releaseInForkChild(); }
 
 }  // namespace Impl
 }  // namespace Tolan

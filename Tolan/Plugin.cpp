@@ -10,6 +10,7 @@
 
 #include "Tolan/Assert.h"
 #include "Tolan/Debug.h"
+#include "Tolan/Impl/ForkLocks.h"
 #include "Tolan/Locking.h"
 #include "Tolan/Loco.h"
 
@@ -98,4 +99,14 @@ Plugin* findPlugin(const String& name) {
 }
 
 }  // namespace Platform
+
+namespace Impl {
+
+void pluginForkPrepare() noexcept { Platform::loadLock().lock(); }
+void pluginForkParent() noexcept { Platform::loadLock().unlock(); }
+
+// A plugin's initialiser may fork inside loadPlugin().
+void pluginForkChild() noexcept { Platform::loadLock().releaseInForkChild(); }
+
+}  // namespace Impl
 }  // namespace Tolan

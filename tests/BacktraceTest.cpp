@@ -55,6 +55,22 @@ TEST(Backtrace, CaptureAndPrettyNameEachFrame) {
   for (uint32_t i = 0; i < deep.frameCount(); ++i) EXPECT_THAT(symbolOf(deep.frames()[i]), HasSubstr("captureAtDepth"));
 }
 
+// A call to a noreturn function can be the last instruction of its caller,
+// whose return address is then already past the caller's end.
+extern "C" __attribute__((noinline, noreturn)) void tolanTestThrowStack() { throw Tolan::Backtrace(true); }
+extern "C" __attribute__((noinline)) void tolanTestCallsNoreturnLast() { tolanTestThrowStack(); }
+
+TEST(Backtrace, AFrameEndingInANoreturnCallNamesTheCaller) {
+  std::string text;
+  try {
+    tolanTestCallsNoreturnLast();
+  } catch (const Tolan::Backtrace& bt) {
+    text = bt.pretty();
+  }
+  EXPECT_THAT(text, HasSubstr("(tolanTestThrowStack+0x"));
+  EXPECT_THAT(text, HasSubstr("(tolanTestCallsNoreturnLast+0x"));
+}
+
 TEST(Backtrace, VerbosityIsOneUnlessExactlyZeroAndTypeNamesDemangle) {
   for (const char* value : {"0", "00", "0 ", "", "off"}) {
     setenv("TOLAN_BACKTRACE_VERBOSITY", value, 1);

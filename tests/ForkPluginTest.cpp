@@ -102,6 +102,27 @@ TEST_F(Plugins, LoadsAndOtherLibrariesTracingWhileLoadedDoNotDeadlock) {
       << "137: deadlocked";
 }
 
+// A child forked while another thread is inside loadPlugin() must be able to
+// load plugins itself: the load lock is one of the locks taken across fork.
+TEST_F(Plugins, AChildForkedDuringAnotherThreadsLoadCanLoad) {
+  EXPECT_EQ(exitStatusInChild(
+                [] {
+                  tolanTestWaiterState = 0;
+                  std::thread loader([] {  // utwaiter registers nothing: the load fails its assertion
+                    EXPECT_ASSERTS(Platform::loadPlugin("utwaiter"), "failed to register");
+                  });
+                  while (tolanTestWaiterState == 0) {
+                  }
+                  const int grandchild = exitStatusInChild(
+                      [] { return Platform::loadPlugin("utnosuchplugin") == nullptr ? 0 : 1; }, std::chrono::seconds(5));
+                  loader.join();
+                  return HasFailure() ? 1 : grandchild;
+                },
+                std::chrono::seconds(20)),
+            0)
+      << "137: the grandchild hung";
+}
+
 TEST(CheckIncompat, PassesAloneAndAbortsBehindAnotherPlatformLibrary) {
   EXPECT_EQ(platformLibPresenceFlag, Tolan::PLATFORM_LIB_FLAG_TOLAN);
   Tolan::checkIncompat();  // nothing to complain about, and repeatable
