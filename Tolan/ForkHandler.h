@@ -17,9 +17,11 @@ namespace Platform {
 // Registers handleFork() as a child handler of pthread_atfork, and the
 // handlers that keep the library's own locks usable in the child: they are
 // taken before fork() and released on both sides, so that a child forked while
-// another thread was tracing does not hang on its first trace line. fork()
-// therefore waits for a trace line being written. If registration fails, writes "Tolan failed to register
-// atfork handler, reason: <error>" on standard error and aborts the process.
+// another thread was tracing or loading a plugin does not hang on its first
+// trace line or plugin load. fork() therefore waits for a trace line being
+// written, and for a loadPlugin() in progress (its dlopen included). If
+// registration fails, writes "Tolan failed to register atfork handler,
+// reason: <error>" on standard error and aborts the process.
 TOLAN_EXPORT void setupHandler();
 
 // The child handler: sets the forked-child flag.
