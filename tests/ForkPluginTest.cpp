@@ -108,13 +108,17 @@ TEST_F(Plugins, AChildForkedDuringAnotherThreadsLoadCanLoad) {
   EXPECT_EQ(exitStatusInChild(
                 [] {
                   tolanTestWaiterState = 0;
-                  std::thread loader([] {  // utwaiter registers nothing: the load fails its assertion
+                  std::atomic<bool> forked{false};
+                  std::thread loader([&] {  // utwaiter registers nothing: the load fails its assertion
                     EXPECT_ASSERTS(Platform::loadPlugin("utwaiter"), "failed to register");
+                    while (!forked) {  // alive at the fork: ThreadSanitizer counts an ended one as leaked
+                    }
                   });
                   while (tolanTestWaiterState == 0) {
                   }
                   const int grandchild = exitStatusInChild(
                       [] { return Platform::loadPlugin("utnosuchplugin") == nullptr ? 0 : 1; }, std::chrono::seconds(5));
+                  forked = true;
                   loader.join();
                   return HasFailure() ? 1 : grandchild;
                 },
