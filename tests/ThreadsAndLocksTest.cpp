@@ -61,30 +61,6 @@ TEST(Locking, OnlyTheOwnerHoldsAndReleasesRecursiveHoldsAreCounted) {
   });
 }
 
-// A lock that did not exclude would lose increments (and the sanitizer build
-// would see the race).
-TEST(Locking, LocksExcludeEachOther) {
-  Lock lock;
-  RecursiveLock rlock;
-  long plain = 0, recursive = 0;
-  constexpr int kRounds = 20000;
-  auto work = [&] {
-    for (int i = 0; i < kRounds; ++i) {
-      {
-        std::lock_guard<Lock> g(lock);
-        ++plain;
-      }
-      std::lock_guard<RecursiveLock> g1(rlock), g2(rlock);
-      ++recursive;
-    }
-  };
-  std::thread a(work), b(work);
-  a.join();
-  b.join();
-  EXPECT_EQ(plain, 2 * kRounds);
-  EXPECT_EQ(recursive, 2 * kRounds);
-}
-
 TEST(Locking, ConditionalGuardReleasesOnlyWhenAskedAndOwned) {
   Lock lock;
   { ConditionalGuard guard(lock); }
