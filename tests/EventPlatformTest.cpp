@@ -72,14 +72,21 @@ TEST(EventLoop, BoundedRunsWaitTheirTimeLibeventLogsAndFailures) {
   for (const auto& [call, text] : rows) EXPECT_ASSERTS(call(), text);
 }
 
+// Without a base of its own, the child would share the parent's epoll set:
+// its removal of a watch would silence the parent's.
 TEST(EventBase, ReinitialisedInAForkedChild) {
   Counting parent, h;
   auto t = getTimerControl(&parent);
   t->setTimeout(30.0);
+  int pipeFds[2];
+  ASSERT_EQ(pipe(pipeFds), 0);
+  auto watch = getFdControl(&parent);
+  watch->setFd(pipeFds[0]);
   EXPECT_TRUE(leMainThread());
   EXPECT_EQ(exitStatusInChild([&] {
               leForkReinit();
               t->delTimeout();
+              watch->delFd();
               auto c = getCallbackControl(&h);
               auto t2 = getTimerControl(&h);
               c->requestCallback();
@@ -89,6 +96,12 @@ TEST(EventBase, ReinitialisedInAForkedChild) {
             }),
             0);
   EXPECT_GT(t->remainingTimeout(), 25.0) << "the parent's timer is untouched";
+  ASSERT_EQ(write(pipeFds[1], "x", 1), 1);
+  doEventLoop(0.1);
+  EXPECT_EQ(parent.reads, 1) << "the parent's watch is untouched";
+  watch->delFd();
+  close(pipeFds[0]);
+  close(pipeFds[1]);
 }
 
 // One base per thread, registered once. However a thread ends, its base goes
