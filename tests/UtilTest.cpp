@@ -64,7 +64,11 @@ TEST(UtilProc, TitleStartTimeAndCommandLineOfLiveAndExitedProcesses) {
   EXPECT_LT(std::fabs(uptime - std::stod(start) / sysconf(_SC_CLK_TCK)), 60.0) << start << " vs " << uptime;
   ForkedChild sleeper([] { return execl("/bin/sleep", "sleep", "30", "0", nullptr), 'n'; });
   ASSERT_EQ(sleeper.report(), 0) << "exec failed";
-  EXPECT_EQ(Util::readPidCmdline(handler(), sleeper.pid()), std::string("sleep\0" "30\0" "0\0", 11));
+  // The exec has closed our pipe a moment before the kernel publishes its arguments.
+  std::string cmdline;
+  for (int i = 0; i < 500 && (cmdline = Util::readPidCmdline(handler(), sleeper.pid())).empty(); ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  EXPECT_EQ(cmdline, std::string("sleep\0" "30\0" "0\0", 11));
 
   const pid_t gone = exitedPid();
   std::string title = "x", startTime = "x";
