@@ -48,8 +48,8 @@ class TOLAN_EXPORT Backtrace {
   // only known when it exports them, e.g. linked with -rdynamic), or
   // "No backtrace available" when there are no frames. The symbol is the one
   // that made the call, even when the return address lies past its end (a
-  // call to a noreturn function); the offset is the return address's. Looks up symbols:
-  // meant for error reports, not hot paths.
+  // call to a noreturn function); the offset is the return address's. Looks
+  // up symbols: meant for error reports, not hot paths.
   String pretty() const;
 
   const void* const* frames() const noexcept { return slots_ + 1; }
